@@ -1,0 +1,128 @@
+#pragma once
+
+// vorel_usd_image_processing: one plain value, Image, in front of OpenImageIO.
+//
+// Every function reports failure through its ordinary result (the empty Image, false, 0, or a
+// width and height of 0) and one message on spdlog's default logger, whose source location names
+// "vorel_usd_image_processing" as the function. The library throws nothing of its own; what
+// OpenImageIO or the standard library throws (such as std::bad_alloc) reaches the caller.
+// Arguments taken by const reference are never changed.
+
+#include <filesystem>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <OpenImageIO/imagebuf.h>
+#include <OpenImageIO/imageio.h>
+#include <OpenImageIO/span.h>
+#include <OpenImageIO/typedesc.h>
+
+#if defined(_WIN32)
+#if defined(VOREL_USD_IMAGE_PROCESSING_BUILDING)
+#define VOREL_USD_IMAGE_PROCESSING_API __declspec(dllexport)
+#else
+#define VOREL_USD_IMAGE_PROCESSING_API __declspec(dllimport)
+#endif
+#else
+#define VOREL_USD_IMAGE_PROCESSING_API __attribute__((visibility("default")))
+#endif
+
+namespace vorel::usd::image_processing {
+
+/// An image: OpenImageIO's ImageBuf (pixels, size, channels, pixel type and every attribute,
+/// including the colour-space tag "oiio:ColorSpace") plus a map of strings that travels with it.
+/// The library only carries `properties`: it never reads, adds or writes an entry, never stores
+/// it as metadata and never writes it to a file. Operations that make a new Image from a source
+/// copy the source's map; readers and failure values start with an empty one.
+///
+/// A default-constructed Image is the empty Image, the failure value of every function returning
+/// an Image: test results with `buffer.initialized()`.
+struct Image {
+    OIIO::ImageBuf buffer;
+    std::map<std::string, std::string> properties;
+
+    VOREL_USD_IMAGE_PROCESSING_API Image();
+    VOREL_USD_IMAGE_PROCESSING_API Image(const Image& other);
+    /// Takes `other`'s pixels and map without copying; `other` is left with an empty map and
+    /// may only be destroyed or assigned to.
+    VOREL_USD_IMAGE_PROCESSING_API Image(Image&& other) noexcept;
+    VOREL_USD_IMAGE_PROCESSING_API ~Image();
+    VOREL_USD_IMAGE_PROCESSING_API Image& operator=(const Image& other);
+    /// Exchanges maps after clearing this one, so `other` ends with an empty map.
+    VOREL_USD_IMAGE_PROCESSING_API Image& operator=(Image&& other) noexcept;
+};
+
+/// Width and height of an image file, in pixels. {0, 0} is the failure value of getImageSpec.
+struct ImageSpec {
+    int width;
+    int height;
+};
+
+/// The association of colour and alpha that preMultiply establishes.
+enum class PreMultMode : int {
+    Premult = 0,    ///< ImageBufAlgo::premult
+    Unpremult = 1,  ///< ImageBufAlgo::unpremult
+    Repremult = 2,  ///< ImageBufAlgo::repremult
+};
+
+// ---------------------------------------------------------------------------------------------
+// Colour-space tag and pixel access
+// ---------------------------------------------------------------------------------------------
+
+/// The colour-space tag ("oiio:ColorSpace") as stored, or "" when the image has none. Never
+/// fails; "unknown" is returned as it is.
+VOREL_USD_IMAGE_PROCESSING_API std::string getColorSpace(const Image& image);
+
+/// Sets the colour-space tag to `colorSpace`, replacing any previous value. Converts no pixel.
+/// Logs a warning (and still sets it) when `colorSpace` is empty or exactly "unknown".
+VOREL_USD_IMAGE_PROCESSING_API void setColorSpace(Image& image, const std::string& colorSpace);
+
+/// The number of channels; 0 for the empty Image.
+VOREL_USD_IMAGE_PROCESSING_API int getNumChannels(const Image& image);
+
+/// One sample as a float, as ImageBuf::getchannel gives it (integer types are scaled to 0..1).
+/// Never fails and never logs: a position outside the image reads as 0.0.
+VOREL_USD_IMAGE_PROCESSING_API float getPixelValue(const Image& image, int x, int y, int z,
+                                                   int channel);
+
+/// One stored sample of a scalar UINT32 image, exact and unconverted. Returns 0 and logs at err
+/// for any other pixel type ("getPixelUIntValue requires UINT image, but image is {}") or when
+/// the sample can't be read ("get_pixels failed"); a stored 0 is told apart only by the log.
+VOREL_USD_IMAGE_PROCESSING_API unsigned int getPixelUIntValue(const Image& image, int x, int y,
+                                                              int z, int channel);
+
+// ---------------------------------------------------------------------------------------------
+// Reading
+// ---------------------------------------------------------------------------------------------
+
+/// Reads the first subimage of a file at full resolution, with all its channels, in the pixel
+/// type of the file and with every attribute the reader reports (such as "oiio:ColorSpace").
+/// All pixels are in memory on return. On failure (missing file, no reader, a decoding error)
+/// returns the empty Image and logs at warn "Couldn't read image {file}:\n{OpenImageIO's text}".
+VOREL_USD_IMAGE_PROCESSING_API Image readImage(const std::filesystem::path& path);
+
+/// Width and height of the first subimage of a file, without reading pixels. On failure returns
+/// {0, 0} and logs at err "Couldn't open image {file}:\n{OpenImageIO's text}".
+VOREL_USD_IMAGE_PROCESSING_API ImageSpec getImageSpec(const std::filesystem::path& path);
+
+/// A new image holding a copy of `width` x `height` x `numChannels` values of type `format`,
+/// packed channel by channel, pixel by pixel, row by row from the top. `data` stays the
+/// caller's and may be freed on return. On failure returns the empty Image and logs at err
+/// "Couldn't create image:\n{OpenImageIO's text}". The new image has no colour-space tag.
+VOREL_USD_IMAGE_PROCESSING_API Image createImageFromData(void* data, int width, int height,
+                                                         int numChannels, OIIO::TypeDesc format);
+
+// ---------------------------------------------------------------------------------------------
+// Colour conversion
+// ---------------------------------------------------------------------------------------------
+
+/// Converts the pixels from `fromSpace` to `toSpace` by name with OpenImageIO's colour
+/// management (alpha is unassociated for the conversion and restored). The names are not
+/// compared with the image's tag: `fromSpace` is what the pixels are taken to be. On failure
+/// (such as an unknown name) returns the empty Image and logs at err
+/// "colorConvert operation failed:\n{OpenImageIO's text}".
+VOREL_USD_IMAGE_PROCESSING_API Image colorConvert(const Image& image, const std::string& fromSpace,
+                                                  const std::string& toSpace);
+
+}  // namespace vorel::usd::image_processing
