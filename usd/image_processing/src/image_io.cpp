@@ -51,9 +51,15 @@ Image createImageFromData(void* data, int width, int height, int numChannels,
                           OIIO::TypeDesc format) {
     const OIIO::ImageSpec spec(width, height, numChannels, format);
     OIIO::ImageBuf buffer(spec, OIIO::InitializePixels::Yes);
-    // The result of set_pixels is not what decides: the buffer's error state is.
-    buffer.set_pixels(buffer.roi(), format, data, OIIO::AutoStride, OIIO::AutoStride,
-                      OIIO::AutoStride);
+    // The result of set_pixels is not what decides: the buffer's error state is. OpenImageIO 2.4
+    // crashes on a null source instead of failing, so that case is refused on the buffer itself
+    // and goes the same way as any other failure.
+    if (data == nullptr) {
+        buffer.error("no pixel data: the data pointer is null");
+    } else {
+        buffer.set_pixels(buffer.roi(), format, data, OIIO::AutoStride, OIIO::AutoStride,
+                          OIIO::AutoStride);
+    }
     if (buffer.has_error()) {
         VOREL_LOG(err, "Couldn't create image:\n{}", buffer.geterror(true));
         return Image{};

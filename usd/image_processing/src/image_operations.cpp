@@ -27,7 +27,10 @@ Image::~Image() = default;
 
 Image& Image::operator=(const Image& other) {
     if (this != &other) {
-        buffer = other.buffer;
+        // Copy-construct, then move: OpenImageIO 2.4's copy assignment dereferences the
+        // implementation that a move has taken away, so copying into a moved-from Image would
+        // crash, whereas a move into it is safe. The result is the same deep copy.
+        buffer = OIIO::ImageBuf(other.buffer);
         properties = other.properties;
     }
     return *this;
@@ -122,7 +125,11 @@ unsigned int getPixelUIntValue(const Image& image, int x, int y, int z, int chan
     }
     unsigned int value = 0;
     const OIIO::ROI one(x, x + 1, y, y + 1, z, z + 1, channel, channel + 1);
-    if (!image.buffer.get_pixels(one, OIIO::TypeDesc(OIIO::TypeDesc::UINT32), &value)) {
+    // OpenImageIO 2.4 crashes the process on a channel beyond the image's channels instead of
+    // failing, so such a channel takes the failure path without the call.
+    const bool channelExists = channel >= 0 && channel < image.buffer.spec().nchannels;
+    if (!channelExists ||
+        !image.buffer.get_pixels(one, OIIO::TypeDesc(OIIO::TypeDesc::UINT32), &value)) {
         VOREL_LOG(err, "get_pixels failed");
         return 0;
     }
