@@ -125,6 +125,30 @@ VOREL_USD_IMAGE_PROCESSING_API Image createImageFromData(void* data, int width, 
 // Writing: the colour policy by extension and the three writers
 // ---------------------------------------------------------------------------------------------
 
+/// Brings `image` into the colour space that the extension of `path` calls for: ".png", ".jpg",
+/// ".jpeg", ".bmp", ".gif", ".webp" to "sRGB"; ".exr", ".tif", ".tiff" to "linear" (the extension
+/// in any case; only the last one counts; nothing is read or written on disk). Returns true when
+/// a conversion ran and its result replaced `image`, false when `image` was left as it was.
+/// Logs a warn and returns false when the image has no colour-space tag. A conversion logs
+/// "Converted image from '{from}' to '{to}' for extension '{ext}'" at debug (plus a warn for every
+/// conversion to "linear"); no conversion logs "No color conversion needed for extension '{ext}'"
+/// at debug. True means a conversion ran, not that it worked: if colorConvert fails (it logs at
+/// err), `image` becomes the empty Image.
+VOREL_USD_IMAGE_PROCESSING_API bool colorConvertByFormat(Image& image,
+                                                         const std::filesystem::path& path);
+
+/// Writes `image` to `path`; the format follows from the file name. Never converts colour: on
+/// ".jpg", ".jpeg", ".bmp", ".gif", ".webp" a tag other than "sRGB", and on ".exr" a tag other
+/// than "linear", is logged at err and the file is written all the same (a missing tag is a
+/// warn); call colorConvertByFormat first. `compressionLevel` is handed to the PNG writer for
+/// ".png" when it is 0 or more and ignored otherwise (-1 keeps the writer's default). `image` is
+/// not changed. Returns false and logs at err "Couldn't write image {file}:\n{OpenImageIO's text}"
+/// when no writer claims the extension or opening or writing fails (the text may be empty; what
+/// a failed write left on disk stays). On success logs the time taken at debug.
+VOREL_USD_IMAGE_PROCESSING_API bool writeImage(const Image& image,
+                                               const std::filesystem::path& path,
+                                               int compressionLevel = -1);
+
 // ---------------------------------------------------------------------------------------------
 // Metadata
 // ---------------------------------------------------------------------------------------------
