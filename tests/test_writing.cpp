@@ -267,4 +267,124 @@ TEST_F(Writing, WriteImageFailsWithOneLineAndNoColourMessage) {
     EXPECT_FALSE(fs::exists(missing));
 }
 
+TEST_F(Writing, MultiPartExrKeepsEachPartsChannelsTypeAndName) {
+    const std::vector<ip::Image> images{tagged("linear", 3, OIIO::TypeDesc::HALF),
+                                        tagged("", 1, OIIO::TypeDesc::FLOAT),
+                                        tagged("sRGB", 4, OIIO::TypeDesc::UINT8)};
+    const std::vector<ip::Image> before = images;
+    const fs::path file = temp / "layers.exr";
+    ASSERT_TRUE(ip::writeMultiPartEXR({"beauty", "depth", "mask"}, images, file));
+    EXPECT_TRUE(log.records().empty());
+    for (size_t i = 0; i < images.size(); ++i) {
+        EXPECT_TRUE(unchanged(before[i], images[i]));
+    }
+    const auto specs = subimages(file);
+    ASSERT_EQ(specs.size(), 3u);
+    const std::pair<int, OIIO::TypeDesc> expected[] = {
+        {3, OIIO::TypeDesc::HALF}, {1, OIIO::TypeDesc::FLOAT}, {4, OIIO::TypeDesc::HALF}};
+    const char* names[] = {"beauty", "depth", "mask"};
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(specs[i].width, 8);
+        EXPECT_EQ(specs[i].height, 6);
+        EXPECT_EQ(specs[i].nchannels, expected[i].first);
+        EXPECT_EQ(specs[i].format, expected[i].second);
+        EXPECT_EQ(specs[i].get_string_attribute("oiio:subimagename"), names[i]);
+    }
+    OIIO::ImageBuf depth(file.string(), 1, 0);
+    EXPECT_EQ(OIIO::ImageBufAlgo::compare(depth, images[1].buffer, 0, 0).nfail, 0u);
+
+    ASSERT_TRUE(ip::writeMultiPartEXR({"only"}, {images[0]}, temp / "one.exr"));
+    EXPECT_EQ(subimages(temp / "one.exr").at(0).get_string_attribute("oiio:subimagename"), "only");
+}
+
+TEST_F(Writing, MultiPartExrFailures) {
+    const std::vector<ip::Image> images{tagged("linear"), tagged("linear"), tagged("linear")};
+    EXPECT_FALSE(ip::writeMultiPartEXR({"a", "b"}, images, temp / "short.exr"));
+    expectOnlyMessage(err, "layerNames (arg1) and images (arg2) must be of the same length");
+    EXPECT_FALSE(fs::exists(temp / "short.exr"));
+
+    log.clear();
+    EXPECT_FALSE(ip::writeMultiPartEXR({"a", "b", "c"}, images, temp / "parts.xyz"));
+    ASSERT_EQ(log.records().size(), 1u);
+    EXPECT_EQ(log.records()[0].message.rfind("Couldn't write image ", 0), 0u);
+
+    // OpenEXR refuses parts of different sizes when all are declared: relayed through image 0.
+    log.clear();
+    const std::vector<ip::Image> sizes{tagged("linear"),
+                                       tagged("linear", 3, OIIO::TypeDesc::FLOAT, 4, 4)};
+    EXPECT_FALSE(ip::writeMultiPartEXR({"a", "b"}, sizes, temp / "sizes.exr"));
+    ASSERT_EQ(log.atLeast(err).size(), 1u);
+    EXPECT_EQ(log.records()[0].message.rfind("fail to open OpenEXR exception", 0), 0u);
+    EXPECT_NE(log.records()[0].message.find("displayWindow"), std::string::npos);
+    EXPECT_FALSE(sizes[0].buffer.has_error());
+
+    // PNG takes the declaration but refuses the second subimage.
+    log.clear();
+    EXPECT_FALSE(ip::writeMultiPartEXR({"a", "b", "c"}, images, temp / "parts.png"));
+    expectOnlyMessage(err, "fail to open for subimagepng does not support subimages or MIP levels");
+    EXPECT_FALSE(images[1].buffer.has_error());
+
+    // Writers that answer an empty declaration themselves say why.
+    for (const auto& [file, reason] :
+         {std::pair{"none.exr", "OpenEXR does not support 0 subimages."},
+          std::pair{"none.gif", "gif does not support 0 subimages."}}) {
+        log.clear();
+        EXPECT_FALSE(ip::writeMultiPartEXR({}, {}, temp / file));
+        expectOnlyMessage(err, std::string("fail to open ") + reason);
+    }
+}
+
+TEST_F(Writing, AnimatedGifWritesEveryFrameAsEightBitWithTheFrameRate) {
+    std::vector<ip::Image> frames{tagged("sRGB"), tagged("linear", 3, OIIO::TypeDesc::UINT16),
+                                  tagged("")};
+    // A tiled source: the writer is given untiled scanlines.
+    frames[1].buffer.specmod().tile_width = 4;
+    frames[1].buffer.specmod().tile_height = 4;
+    const std::vector<ip::Image> before = frames;
+    const fs::path file = temp / "anim.gif";
+    ASSERT_TRUE(ip::writeAnimatedGif(frames, file, 12.5f));
+    EXPECT_TRUE(log.records().empty());
+    for (size_t i = 0; i < frames.size(); ++i) {
+        EXPECT_TRUE(unchanged(before[i], frames[i]));
+    }
+    const auto specs = subimages(file);
+    ASSERT_EQ(specs.size(), 3u);
+    for (const auto& spec : specs) {
+        EXPECT_EQ(spec.width, 8);
+        EXPECT_EQ(spec.height, 6);
+        EXPECT_EQ(spec.format, OIIO::TypeDesc::UINT8);
+        // GIF stores a delay of 8 hundredths of a second: 100/8 frames per second.
+        const OIIO::ParamValue* fps = spec.find_attribute("FramesPerSecond");
+        ASSERT_TRUE(fps);
+        ASSERT_EQ(fps->type(), OIIO::TypeRational);
+        EXPECT_EQ(static_cast<const int*>(fps->data())[0], 100);
+        EXPECT_EQ(static_cast<const int*>(fps->data())[1], 8);
+    }
+}
+
+TEST_F(Writing, AnimatedGifFailuresLeaveTheWritersMessageOnTheFrame) {
+    EXPECT_TRUE(ip::writeAnimatedGif({}, temp / "empty.gif", 10.0f));
+    EXPECT_TRUE(log.records().empty());
+
+    EXPECT_FALSE(ip::writeAnimatedGif({}, temp / "empty.xyz", 10.0f));
+    ASSERT_EQ(log.records().size(), 1u);
+    EXPECT_EQ(log.records()[0].message.rfind("Couldn't write image ", 0), 0u);
+
+    // A writer that takes one frame only: the first is written, the second refused silently.
+    log.clear();
+    const std::vector<ip::Image> frames{tagged("sRGB"), tagged("sRGB"), tagged("sRGB")};
+    EXPECT_FALSE(ip::writeAnimatedGif(frames, temp / "still.png", 10.0f));
+    EXPECT_TRUE(log.records().empty());
+    EXPECT_FALSE(frames[0].buffer.has_error());
+    EXPECT_EQ(frames[1].buffer.geterror(), "png does not support subimages or MIP levels");
+    EXPECT_FALSE(frames[2].buffer.has_error());
+    EXPECT_EQ(subimages(temp / "still.png").size(), 1u);
+
+    // The GIF writer refuses a frame with another channel count.
+    const std::vector<ip::Image> channels{tagged("sRGB"), tagged("sRGB", 1)};
+    EXPECT_FALSE(ip::writeAnimatedGif(channels, temp / "channels.gif", 10.0f));
+    EXPECT_TRUE(log.records().empty());
+    EXPECT_TRUE(channels[1].buffer.has_error());
+}
+
 }  // namespace

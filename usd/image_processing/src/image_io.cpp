@@ -204,9 +204,94 @@ bool writeImage(const Image& image, const std::filesystem::path& path, int compr
 // Multi-part EXR
 // ---------------------------------------------------------------------------------------------
 
+namespace {
+
+/// The writer's pending message, passed through `buffer`'s error state and taken back from it,
+/// so that neither the writer nor the buffer is left with it pending.
+std::string relayWriterError(OIIO::ImageOutput& out, const OIIO::ImageBuf& buffer) {
+    buffer.error(out.geterror(true));
+    return buffer.geterror(true);
+}
+
+}  // namespace
+
+bool writeMultiPartEXR(const std::vector<std::string>& layerNames, const std::vector<Image>& images,
+                       const std::filesystem::path& path) {
+    if (layerNames.size() != images.size()) {
+        VOREL_LOG(err, "layerNames (arg1) and images (arg2) must be of the same length");
+        return false;
+    }
+    const std::string fileName = base::convertPathToString(path);
+    const std::unique_ptr<OIIO::ImageOutput> out = createWriter(fileName);
+    if (!out) {
+        return false;
+    }
+    const int numImages = static_cast<int>(images.size());
+    // The writer reads these specs at every open and write: they live until the end.
+    std::vector<OIIO::ImageSpec> specs(numImages);
+    for (int i = 0; i < numImages; ++i) {
+        OIIO::ImageSpec spec = images[i].buffer.spec();
+        spec.attribute("oiio:subimagename", OIIO::string_view(layerNames[i]));
+        specs[i] = spec;
+    }
+    if (!out->open(fileName, numImages, specs.data())) {
+        // With no image to pass it through, the writer's text goes straight to the log.
+        VOREL_LOG(err, "fail to open {}",
+                  images.empty() ? out->geterror(true) : relayWriterError(*out, images[0].buffer));
+        return false;
+    }
+    for (int i = 0; i < numImages; ++i) {
+        const OIIO::ImageBuf& buffer = images[i].buffer;
+        if (i > 0 && !out->open(fileName, specs[i], OIIO::ImageOutput::AppendSubimage)) {
+            VOREL_LOG(err, "fail to open for subimage{}", relayWriterError(*out, buffer));
+            return false;
+        }
+        if (!out->write_image(specs[i].format, buffer.localpixels(), OIIO::AutoStride,
+                              OIIO::AutoStride, OIIO::AutoStride, nullptr, nullptr)) {
+            VOREL_LOG(err, "fail to write {}", relayWriterError(*out, buffer));
+            return false;
+        }
+    }
+    out->close();
+    return true;
+}
+
 // ---------------------------------------------------------------------------------------------
 // Animated GIF
 // ---------------------------------------------------------------------------------------------
+
+bool writeAnimatedGif(const std::vector<Image>& frames, const std::filesystem::path& path,
+                      float framesPerSecond) {
+    const std::string fileName = base::convertPathToString(path);
+    const std::unique_ptr<OIIO::ImageOutput> out = createWriter(fileName);
+    if (!out) {
+        return false;
+    }
+    constexpr OIIO::TypeDesc eightBit(OIIO::TypeDesc::UINT8, OIIO::TypeDesc::SCALAR,
+                                      OIIO::TypeDesc::NOXFORM, /*arraylen=*/0);
+    // From here on the writer reports through the frames only: nothing is logged.
+    for (size_t i = 0; i < frames.size(); ++i) {
+        const OIIO::ImageBuf& buffer = frames[i].buffer;
+        OIIO::ImageSpec spec = buffer.spec();
+        spec.tile_width = 0;
+        spec.tile_height = 0;
+        spec.tile_depth = 0;
+        spec.attribute("FramesPerSecond", framesPerSecond);
+        spec.set_format(eightBit);
+        spec.channelformats.clear();
+        const OIIO::ImageOutput::OpenMode mode =
+            i == 0 ? OIIO::ImageOutput::Create : OIIO::ImageOutput::AppendSubimage;
+        if (!out->open(fileName, spec, mode)) {
+            buffer.error(out->geterror(true));
+            return false;
+        }
+        if (!buffer.write(out.get(), nullptr, nullptr)) {
+            return false;
+        }
+    }
+    out->close();
+    return true;
+}
 
 // ---------------------------------------------------------------------------------------------
 // Metadata
