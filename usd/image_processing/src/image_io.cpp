@@ -213,6 +213,22 @@ std::string relayWriterError(OIIO::ImageOutput& out, const OIIO::ImageBuf& buffe
     return buffer.geterror(true);
 }
 
+/// ImageOutput::open for all subimages at once. In OpenImageIO 2.4.7 only the OpenEXR and GIF
+/// writers answer a count of 0 themselves; every other writer falls back to opening `specs[0]`,
+/// which for 0 subimages is no spec at all, and crashes. For those the count of 0 is refused here
+/// the way a writer refuses, with the reason left on `out`.
+bool openAllSubimages(OIIO::ImageOutput& out, const std::string& fileName, int numImages,
+                      const OIIO::ImageSpec* specs) {
+    if (numImages == 0) {
+        const std::string_view format = out.format_name();
+        if (format != "openexr" && format != "gif") {
+            out.errorfmt("{} writer can't take 0 subimages", format);
+            return false;
+        }
+    }
+    return out.open(fileName, numImages, specs);
+}
+
 }  // namespace
 
 bool writeMultiPartEXR(const std::vector<std::string>& layerNames, const std::vector<Image>& images,
@@ -234,7 +250,7 @@ bool writeMultiPartEXR(const std::vector<std::string>& layerNames, const std::ve
         spec.attribute("oiio:subimagename", OIIO::string_view(layerNames[i]));
         specs[i] = spec;
     }
-    if (!out->open(fileName, numImages, specs.data())) {
+    if (!openAllSubimages(*out, fileName, numImages, specs.data())) {
         // With no image to pass it through, the writer's text goes straight to the log.
         VOREL_LOG(err, "fail to open {}",
                   images.empty() ? out->geterror(true) : relayWriterError(*out, images[0].buffer));
@@ -260,6 +276,26 @@ bool writeMultiPartEXR(const std::vector<std::string>& layerNames, const std::ve
 // Animated GIF
 // ---------------------------------------------------------------------------------------------
 
+namespace {
+
+/// ImageOutput::open for one frame. The GIF writer of OpenImageIO 2.4.7 keeps its frame store at
+/// the first frame's size: a larger frame overruns it and takes the process down at close, and a
+/// smaller or reshaped one comes back at the first frame's size. Such a frame is refused here the
+/// way the writer refuses a frame, with the reason left on `out`.
+bool openFrame(OIIO::ImageOutput& out, const std::string& fileName, const OIIO::ImageSpec& spec,
+               OIIO::ImageOutput::OpenMode mode, const OIIO::ImageSpec& firstFrame) {
+    if (mode == OIIO::ImageOutput::AppendSubimage &&
+        (spec.width != firstFrame.width || spec.height != firstFrame.height) &&
+        std::string_view(out.format_name()) == "gif") {
+        out.errorfmt("gif writer can't take a {}x{} frame after a {}x{} first frame", spec.width,
+                     spec.height, firstFrame.width, firstFrame.height);
+        return false;
+    }
+    return out.open(fileName, spec, mode);
+}
+
+}  // namespace
+
 bool writeAnimatedGif(const std::vector<Image>& frames, const std::filesystem::path& path,
                       float framesPerSecond) {
     const std::string fileName = base::convertPathToString(path);
@@ -281,7 +317,7 @@ bool writeAnimatedGif(const std::vector<Image>& frames, const std::filesystem::p
         spec.channelformats.clear();
         const OIIO::ImageOutput::OpenMode mode =
             i == 0 ? OIIO::ImageOutput::Create : OIIO::ImageOutput::AppendSubimage;
-        if (!out->open(fileName, spec, mode)) {
+        if (!openFrame(*out, fileName, spec, mode, frames[0].buffer.spec())) {
             buffer.error(out->geterror(true));
             return false;
         }

@@ -154,21 +154,21 @@ VOREL_USD_IMAGE_PROCESSING_API bool writeImage(const Image& image,
 /// have the same size (channels and pixel types may differ). Colour tags are not looked at; the
 /// images are not changed. Returns false and logs one err line when the lists differ in length
 /// (no file is touched), when no writer claims the extension ("Couldn't write image
-/// {file}:\n{text}"), or when the writer refuses: "fail to open {text}" (all subimages at once),
-/// "fail to open for subimage{text}" (a further subimage), "fail to write {text}". Subimages
-/// written before a failure stay.
+/// {file}:\n{text}"), or when the writer refuses: "fail to open {text}" (all subimages at once,
+/// also empty lists for a writer that can't take 0 subimages), "fail to open for subimage{text}"
+/// (a further subimage), "fail to write {text}". Subimages written before a failure stay.
 VOREL_USD_IMAGE_PROCESSING_API bool writeMultiPartEXR(const std::vector<std::string>& layerNames,
                                                       const std::vector<Image>& images,
                                                       const std::filesystem::path& path);
 
 /// Writes `frames` as an animation (with a ".gif" path, an animated GIF) at `framesPerSecond`,
-/// each frame as 8-bit untiled data; the frames themselves are not changed. An empty list writes
-/// nothing and returns true. When no writer claims the extension, returns false and logs at err
-/// "Couldn't write image {file}:\n{text}"; that is the only message. Any other failure (a frame the
-/// writer refuses, such as a GIF frame of another channel count, or a second frame for a
-/// single-image format) returns false with nothing logged: the writer's message is left pending on
-/// that frame's `buffer` (read it with `frames[i].buffer.geterror()`), and earlier frames stay
-/// written.
+/// each frame as 8-bit untiled data; the frames themselves are not changed. For GIF every frame
+/// must have the first frame's size. An empty list writes nothing and returns true. When no
+/// writer claims the extension, returns false and logs at err "Couldn't write image
+/// {file}:\n{text}"; that is the only message. Any other failure (a frame the writer refuses,
+/// such as a GIF frame of another size or channel count, or a second frame for a single-image
+/// format) returns false with nothing logged: the writer's message is left pending on that
+/// frame's `buffer` (read it with `frames[i].buffer.geterror()`), and earlier frames stay written.
 VOREL_USD_IMAGE_PROCESSING_API bool writeAnimatedGif(const std::vector<Image>& frames,
                                                      const std::filesystem::path& path,
                                                      float framesPerSecond);
