@@ -23,7 +23,7 @@ const std::string kLinearWarning =
     "Converting to linear space, this is not normally recommended and could result in loss of "
     "information.  It would be better  to keep everything in linear space before exporting";
 
-/// The spec of every subimage of `file`, as a reader of our own sees them.
+/// The ImageSpec of every subimage of `file`, as a reader of our own sees them.
 std::vector<OIIO::ImageSpec> subimages(const fs::path& file) {
     std::vector<OIIO::ImageSpec> specs;
     const auto in = OIIO::ImageInput::open(file.string());
