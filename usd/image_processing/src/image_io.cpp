@@ -3,10 +3,14 @@
 #include <vorel/usd/image_processing/image_processing.h>
 
 #include <memory>
+#include <string_view>
+#include <unordered_set>
 #include <utility>
 
 #include <vorel/base/logging.h>
 #include <vorel/base/path_utils.h>
+#include <vorel/base/str_utils.h>
+#include <vorel/base/timing.h>
 
 namespace vorel::usd::image_processing {
 
@@ -85,13 +89,251 @@ Image createImageFromData(void* data, int width, int height, int numChannels,
 // Extension colour policy and single images
 // ---------------------------------------------------------------------------------------------
 
+namespace {
+
+// The colour policy of file extensions: lower-case, with the leading dot, no extension in two
+// sets. "Strict" extensions are also checked by writeImage; "lenient" ones are only converted
+// for. Built at load in this order and never changed afterwards.
+const std::unordered_set<std::string> linearStrictExtensions{".exr"};
+const std::unordered_set<std::string> linearLenientExtensions{".tif", ".tiff"};
+const std::unordered_set<std::string> sRGBStrictExtensions{".jpg", ".jpeg", ".bmp", ".gif",
+                                                           ".webp"};
+const std::unordered_set<std::string> sRGBLenientExtensions{".png"};
+
+/// The last extension of `path` in lower case, with its dot; "" when there is none.
+std::string lowerExtension(const std::filesystem::path& path) {
+    return base::strUtils::toLower(path.extension().string());
+}
+
+/// The one failure line of the writers that report through OpenImageIO's global error.
+void logWriteFailure(const std::string& fileName) {
+    VOREL_LOG(err, "Couldn't write image {}:\n{}", fileName, OIIO::geterror(true));
+}
+
+/// The format writer that OpenImageIO picks by the file name, or null after logging why not.
+std::unique_ptr<OIIO::ImageOutput> createWriter(const std::string& fileName) {
+    std::unique_ptr<OIIO::ImageOutput> out =
+        OIIO::ImageOutput::create(fileName, /*ioproxy=*/nullptr, /*plugin_searchpath=*/"");
+    if (!out) {
+        logWriteFailure(fileName);
+    }
+    return out;
+}
+
+}  // namespace
+
+bool colorConvertByFormat(Image& image, const std::filesystem::path& path) {
+    const std::string extension = lowerExtension(path);
+    const std::string colorSpace = getColorSpace(image);
+    if (colorSpace.empty()) {
+        VOREL_LOG(warn, "Image has no color space set and is unknown, no conversions will be done");
+        return false;
+    }
+    // A failed conversion leaves the empty Image in place: colorConvert has logged why.
+    if ((sRGBLenientExtensions.count(extension) != 0 ||
+         sRGBStrictExtensions.count(extension) != 0) &&
+        colorSpace != "sRGB") {
+        image = colorConvert(image, colorSpace, "sRGB");
+        VOREL_LOG(debug, "Converted image from '{}' to 'sRGB' for extension '{}'", colorSpace,
+                  extension);
+        return true;
+    }
+    if ((linearLenientExtensions.count(extension) != 0 ||
+         linearStrictExtensions.count(extension) != 0) &&
+        colorSpace != "linear") {
+        image = colorConvert(image, colorSpace, "linear");
+        VOREL_LOG(debug, "Converted image from '{}' to 'linear' for extension '{}'", colorSpace,
+                  extension);
+        VOREL_LOG(warn,
+                  "Converting to linear space, this is not normally recommended and could result "
+                  "in loss of information.  It would be better  to keep everything in linear "
+                  "space before exporting");
+        return true;
+    }
+    VOREL_LOG(debug, "No color conversion needed for extension '{}'", extension);
+    return false;
+}
+
+bool writeImage(const Image& image, const std::filesystem::path& path, int compressionLevel) {
+    base::Timer timer(/*startNow=*/true);
+    const std::string fileName = base::convertPathToString(path);
+    const std::unique_ptr<OIIO::ImageOutput> out = createWriter(fileName);
+    if (!out) {
+        return false;
+    }
+    // Options go to this copy only: the caller's image keeps its own spec.
+    OIIO::ImageSpec spec = image.buffer.spec();
+    const std::string extension = lowerExtension(path);
+    const std::string colorSpace = getColorSpace(image);
+    // A mismatch is reported, never corrected or refused: converting is the caller's step.
+    if (colorSpace.empty()) {
+        VOREL_LOG(warn,
+                  "Image has no color space set, unable to verify the correct color space is used "
+                  "for writing to disk for the specified extension");
+    } else {
+        if (sRGBStrictExtensions.count(extension) != 0 && colorSpace != "sRGB") {
+            VOREL_LOG(err,
+                      "Image with color space '{}' cannot be written to '{}' extension, which "
+                      "requires sRGB color space. Please convert the image to sRGB before writing.",
+                      colorSpace, extension);
+        }
+        if (linearStrictExtensions.count(extension) != 0 && colorSpace != "linear") {
+            VOREL_LOG(err,
+                      "Image with color space '{}' cannot be written to '{}' extension, which "
+                      "requires linear color space. Please convert the image to linear before "
+                      "writing.",
+                      colorSpace, extension);
+        }
+    }
+    VOREL_LOG(debug, "Writing image with color space '{}' to {}", colorSpace, fileName);
+    if (extension == ".png" && compressionLevel >= 0) {
+        VOREL_LOG(debug, "Writing PNG image with compression level {} to {}", compressionLevel,
+                  fileName);
+        spec.attribute("png:compressionLevel", compressionLevel);
+    }
+    if (!out->open(fileName, spec, OIIO::ImageOutput::Create)) {
+        logWriteFailure(fileName);
+        return false;
+    }
+    if (!image.buffer.write(out.get(), nullptr, nullptr)) {
+        logWriteFailure(fileName);
+        return false;
+    }
+    out->close();
+    timer.stop();
+    VOREL_LOG(debug, "Writing image of {}x{} resolution to {} took: {}ms", spec.width, spec.height,
+              fileName, timer.duration());
+    return true;
+}
+
 // ---------------------------------------------------------------------------------------------
 // Multi-part EXR
 // ---------------------------------------------------------------------------------------------
 
+namespace {
+
+/// The writer's pending message, passed through `buffer`'s error state and taken back from it,
+/// so that neither the writer nor the buffer is left with it pending.
+std::string relayWriterError(OIIO::ImageOutput& out, const OIIO::ImageBuf& buffer) {
+    buffer.error(out.geterror(true));
+    return buffer.geterror(true);
+}
+
+/// ImageOutput::open for all subimages at once. In OpenImageIO 2.4.7 only the OpenEXR and GIF
+/// writers answer a count of 0 themselves; every other writer falls back to opening `specs[0]`,
+/// which for 0 subimages is no spec at all, and crashes. For those the count of 0 is refused here
+/// the way a writer refuses, with the reason left on `out`.
+bool openAllSubimages(OIIO::ImageOutput& out, const std::string& fileName, int numImages,
+                      const OIIO::ImageSpec* specs) {
+    if (numImages == 0) {
+        const std::string_view format = out.format_name();
+        if (format != "openexr" && format != "gif") {
+            out.errorfmt("{} writer can't take 0 subimages", format);
+            return false;
+        }
+    }
+    return out.open(fileName, numImages, specs);
+}
+
+}  // namespace
+
+bool writeMultiPartEXR(const std::vector<std::string>& layerNames, const std::vector<Image>& images,
+                       const std::filesystem::path& path) {
+    if (layerNames.size() != images.size()) {
+        VOREL_LOG(err, "layerNames (arg1) and images (arg2) must be of the same length");
+        return false;
+    }
+    const std::string fileName = base::convertPathToString(path);
+    const std::unique_ptr<OIIO::ImageOutput> out = createWriter(fileName);
+    if (!out) {
+        return false;
+    }
+    const int numImages = static_cast<int>(images.size());
+    // The writer reads these specs at every open and write: they live until the end.
+    std::vector<OIIO::ImageSpec> specs(numImages);
+    for (int i = 0; i < numImages; ++i) {
+        OIIO::ImageSpec spec = images[i].buffer.spec();
+        spec.attribute("oiio:subimagename", OIIO::string_view(layerNames[i]));
+        specs[i] = spec;
+    }
+    if (!openAllSubimages(*out, fileName, numImages, specs.data())) {
+        // With no image to pass it through, the writer's text goes straight to the log.
+        VOREL_LOG(err, "fail to open {}",
+                  images.empty() ? out->geterror(true) : relayWriterError(*out, images[0].buffer));
+        return false;
+    }
+    for (int i = 0; i < numImages; ++i) {
+        const OIIO::ImageBuf& buffer = images[i].buffer;
+        if (i > 0 && !out->open(fileName, specs[i], OIIO::ImageOutput::AppendSubimage)) {
+            VOREL_LOG(err, "fail to open for subimage{}", relayWriterError(*out, buffer));
+            return false;
+        }
+        if (!out->write_image(specs[i].format, buffer.localpixels(), OIIO::AutoStride,
+                              OIIO::AutoStride, OIIO::AutoStride, nullptr, nullptr)) {
+            VOREL_LOG(err, "fail to write {}", relayWriterError(*out, buffer));
+            return false;
+        }
+    }
+    out->close();
+    return true;
+}
+
 // ---------------------------------------------------------------------------------------------
 // Animated GIF
 // ---------------------------------------------------------------------------------------------
+
+namespace {
+
+/// ImageOutput::open for one frame. The GIF writer of OpenImageIO 2.4.7 keeps its frame store at
+/// the first frame's size: a larger frame overruns it and takes the process down at close, and a
+/// smaller or reshaped one comes back at the first frame's size. Such a frame is refused here the
+/// way the writer refuses a frame, with the reason left on `out`.
+bool openFrame(OIIO::ImageOutput& out, const std::string& fileName, const OIIO::ImageSpec& spec,
+               OIIO::ImageOutput::OpenMode mode, const OIIO::ImageSpec& firstFrame) {
+    if (mode == OIIO::ImageOutput::AppendSubimage &&
+        (spec.width != firstFrame.width || spec.height != firstFrame.height) &&
+        std::string_view(out.format_name()) == "gif") {
+        out.errorfmt("gif writer can't take a {}x{} frame after a {}x{} first frame", spec.width,
+                     spec.height, firstFrame.width, firstFrame.height);
+        return false;
+    }
+    return out.open(fileName, spec, mode);
+}
+
+}  // namespace
+
+bool writeAnimatedGif(const std::vector<Image>& frames, const std::filesystem::path& path,
+                      float framesPerSecond) {
+    const std::string fileName = base::convertPathToString(path);
+    const std::unique_ptr<OIIO::ImageOutput> out = createWriter(fileName);
+    if (!out) {
+        return false;
+    }
+    constexpr OIIO::TypeDesc eightBit(OIIO::TypeDesc::UINT8, OIIO::TypeDesc::SCALAR,
+                                      OIIO::TypeDesc::NOXFORM, /*arraylen=*/0);
+    // From here on the writer reports through the frames only: nothing is logged.
+    for (size_t i = 0; i < frames.size(); ++i) {
+        const OIIO::ImageBuf& buffer = frames[i].buffer;
+        OIIO::ImageSpec spec = buffer.spec();
+        spec.tile_width = 0;
+        spec.tile_height = 0;
+        spec.tile_depth = 0;
+        spec.attribute("FramesPerSecond", framesPerSecond);
+        spec.set_format(eightBit);
+        spec.channelformats.clear();
+        const OIIO::ImageOutput::OpenMode mode =
+            i == 0 ? OIIO::ImageOutput::Create : OIIO::ImageOutput::AppendSubimage;
+        if (!openFrame(*out, fileName, spec, mode, frames[0].buffer.spec())) {
+            buffer.error(out->geterror(true));
+            return false;
+        }
+        if (!buffer.write(out.get(), nullptr, nullptr)) {
+            return false;
+        }
+    }
+    out->close();
+    return true;
+}
 
 // ---------------------------------------------------------------------------------------------
 // Metadata

@@ -125,6 +125,54 @@ VOREL_USD_IMAGE_PROCESSING_API Image createImageFromData(void* data, int width, 
 // Writing: the colour policy by extension and the three writers
 // ---------------------------------------------------------------------------------------------
 
+/// Brings `image` into the colour space that the extension of `path` calls for: ".png", ".jpg",
+/// ".jpeg", ".bmp", ".gif", ".webp" to "sRGB"; ".exr", ".tif", ".tiff" to "linear" (the extension
+/// in any case; only the last one counts; nothing is read or written on disk). Returns true when
+/// a conversion ran and its result replaced `image`, false when `image` was left as it was.
+/// Logs a warn and returns false when the image has no colour-space tag. A conversion logs
+/// "Converted image from '{from}' to '{to}' for extension '{ext}'" at debug (plus a warn for every
+/// conversion to "linear"); no conversion logs "No color conversion needed for extension '{ext}'"
+/// at debug. True means a conversion ran, not that it worked: if colorConvert fails (it logs at
+/// err), `image` becomes the empty Image.
+VOREL_USD_IMAGE_PROCESSING_API bool colorConvertByFormat(Image& image,
+                                                         const std::filesystem::path& path);
+
+/// Writes `image` to `path`; the format follows from the file name. Never converts colour: on
+/// ".jpg", ".jpeg", ".bmp", ".gif", ".webp" a tag other than "sRGB", and on ".exr" a tag other
+/// than "linear", is logged at err and the file is written all the same (a missing tag is a
+/// warn); call colorConvertByFormat first. `compressionLevel` is handed to the PNG writer for
+/// ".png" when it is 0 or more and ignored otherwise (-1 keeps the writer's default). `image` is
+/// not changed. Returns false and logs at err "Couldn't write image {file}:\n{OpenImageIO's text}"
+/// when no writer claims the extension or opening or writing fails (the text may be empty; what
+/// a failed write left on disk stays). On success logs the time taken at debug.
+VOREL_USD_IMAGE_PROCESSING_API bool writeImage(const Image& image,
+                                               const std::filesystem::path& path,
+                                               int compressionLevel = -1);
+
+/// Writes `images` as the subimages of one file, in order, subimage i named `layerNames[i]`
+/// ("oiio:subimagename"); with an ".exr" path a multi-part OpenEXR file, whose parts must all
+/// have the same size (channels and pixel types may differ). Colour tags are not looked at; the
+/// images are not changed. Returns false and logs one err line when the lists differ in length
+/// (no file is touched), when no writer claims the extension ("Couldn't write image
+/// {file}:\n{text}"), or when the writer refuses: "fail to open {text}" (all subimages at once,
+/// also empty lists for a writer that can't take 0 subimages), "fail to open for subimage{text}"
+/// (a further subimage), "fail to write {text}". Subimages written before a failure stay.
+VOREL_USD_IMAGE_PROCESSING_API bool writeMultiPartEXR(const std::vector<std::string>& layerNames,
+                                                      const std::vector<Image>& images,
+                                                      const std::filesystem::path& path);
+
+/// Writes `frames` as an animation (with a ".gif" path, an animated GIF) at `framesPerSecond`,
+/// each frame as 8-bit untiled data; the frames themselves are not changed. For GIF every frame
+/// must have the first frame's size. An empty list writes nothing and returns true. When no
+/// writer claims the extension, returns false and logs at err "Couldn't write image
+/// {file}:\n{text}"; that is the only message. Any other failure (a frame the writer refuses,
+/// such as a GIF frame of another size or channel count, or a second frame for a single-image
+/// format) returns false with nothing logged: the writer's message is left pending on that
+/// frame's `buffer` (read it with `frames[i].buffer.geterror()`), and earlier frames stay written.
+VOREL_USD_IMAGE_PROCESSING_API bool writeAnimatedGif(const std::vector<Image>& frames,
+                                                     const std::filesystem::path& path,
+                                                     float framesPerSecond);
+
 // ---------------------------------------------------------------------------------------------
 // Metadata
 // ---------------------------------------------------------------------------------------------
