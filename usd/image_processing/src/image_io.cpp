@@ -2,6 +2,7 @@
 
 #include <vorel/usd/image_processing/image_processing.h>
 
+#include <map>
 #include <memory>
 #include <utility>
 
@@ -74,6 +75,20 @@ Image createImageFromData(void* data, int width, int height, int numChannels,
 // ---------------------------------------------------------------------------------------------
 // Supported extensions
 // ---------------------------------------------------------------------------------------------
+
+std::vector<std::string> getSupportedImageExtensions() {
+    // Parsed anew on every call: the list is OpenImageIO's to change, not ours to keep.
+    const std::map<std::string, std::vector<std::string>> extensionsByFormat =
+        OIIO::get_extension_map();
+    std::vector<std::string> extensions;
+    extensions.reserve(extensionsByFormat.size());
+    // The map's order (format names, byte by byte) is the order of the result; extensions stay
+    // as OpenImageIO lists them, duplicates across formats included.
+    for (const auto& [format, formatExtensions] : extensionsByFormat) {
+        extensions.insert(extensions.end(), formatExtensions.begin(), formatExtensions.end());
+    }
+    return extensions;
+}
 
 // ---------------------------------------------------------------------------------------------
 // Extension colour policy and single images

@@ -121,6 +121,13 @@ VOREL_USD_IMAGE_PROCESSING_API Image createImageFromData(void* data, int width, 
 // Supported extensions
 // ---------------------------------------------------------------------------------------------
 
+/// Every file extension that OpenImageIO knows, read from its "extension_list" attribute at each
+/// call: bare (no dot) and in OpenImageIO's case, grouped by format name in ascending byte order
+/// and in OpenImageIO's order within a format. An extension that two formats share appears
+/// twice. To match a path, drop the dot of its extension and settle the case yourself. Never
+/// logs; an empty vector when OpenImageIO gives no list.
+VOREL_USD_IMAGE_PROCESSING_API std::vector<std::string> getSupportedImageExtensions();
+
 // ---------------------------------------------------------------------------------------------
 // Writing: the colour policy by extension and the three writers
 // ---------------------------------------------------------------------------------------------
