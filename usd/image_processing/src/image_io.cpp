@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <utility>
+#include <variant>
 
 #include <vorel/base/logging.h>
 #include <vorel/base/path_utils.h>
@@ -105,6 +106,71 @@ std::vector<std::string> getSupportedImageExtensions() {
 // ---------------------------------------------------------------------------------------------
 // Metadata
 // ---------------------------------------------------------------------------------------------
+
+namespace {
+
+/// The first `arraylen` values of an array attribute.
+template <typename T>
+std::vector<T> arrayValues(const OIIO::ParamValue& attribute) {
+    const T* const values = static_cast<const T*>(attribute.data());
+    return std::vector<T>(values, values + attribute.type().arraylen);
+}
+
+/// The order of the tests matters: strings first, then arrays before plain values, so that an
+/// array of length 1 stays a vector. The aggregate is not looked at.
+MetadataValue toMetadataValue(const OIIO::ParamValue& attribute) {
+    const OIIO::TypeDesc type = attribute.type();
+    if (type.basetype == OIIO::TypeDesc::STRING) {
+        return attribute.get_string(/*maxsize=*/64);
+    }
+    if (type.basetype == OIIO::TypeDesc::INT32 && type.arraylen > 0) {
+        return arrayValues<int>(attribute);
+    }
+    if (type.basetype == OIIO::TypeDesc::FLOAT && type.arraylen > 0) {
+        return arrayValues<float>(attribute);
+    }
+    if (type.basetype == OIIO::TypeDesc::INT32) {
+        return attribute.get_int(0);
+    }
+    if (type.basetype == OIIO::TypeDesc::FLOAT) {
+        return attribute.get_float(0.0f);
+    }
+    // No widening or narrowing of other types: the caller still learns the name exists.
+    VOREL_LOG(warn, "Unsupported OIIO metadata value type");
+    return std::string();
+}
+
+}  // namespace
+
+MetadataMap getMetadataFromImage(const Image& image) {
+    MetadataMap metadata;
+    for (const OIIO::ParamValue& attribute : image.buffer.spec().extra_attribs) {
+        metadata[attribute.name().string()] = toMetadataValue(attribute);
+    }
+    return metadata;
+}
+
+bool addMetadataToImage(Image& image, const MetadataMap& metadata) {
+    OIIO::ImageSpec& spec = image.buffer.specmod();
+    for (const auto& [name, value] : metadata) {
+        switch (value.index()) {
+            case 0:
+                spec.attribute(name, std::get<std::string>(value));
+                break;
+            case 1:
+                spec.attribute(name, std::get<int>(value));
+                break;
+            case 2:
+                spec.attribute(name, std::get<float>(value));
+                break;
+            default:
+                // Arrays aren't written (and there is no rollback of the entries before).
+                VOREL_LOG(err, "Unsupported metadata value type");
+                return false;
+        }
+    }
+    return true;
+}
 
 // ---------------------------------------------------------------------------------------------
 // ID images

@@ -11,6 +11,8 @@
 #include <filesystem>
 #include <map>
 #include <string>
+#include <unordered_map>
+#include <variant>
 #include <vector>
 
 #include <OpenImageIO/imagebuf.h>
@@ -135,6 +137,32 @@ VOREL_USD_IMAGE_PROCESSING_API std::vector<std::string> getSupportedImageExtensi
 // ---------------------------------------------------------------------------------------------
 // Metadata
 // ---------------------------------------------------------------------------------------------
+
+/// One metadata value. The index of the alternative is its kind: 0 string, 1 int, 2 float,
+/// 3 int array, 4 float array.
+using MetadataValue = std::variant<std::string, int, float, std::vector<int>, std::vector<float>>;
+
+/// Attribute name, exactly as OpenImageIO holds it (prefix included, e.g. "oiio:ColorSpace"), to
+/// its value.
+using MetadataMap = std::unordered_map<std::string, MetadataValue>;
+
+/// One entry for each attribute of the image's OpenImageIO ImageSpec. Fixed fields such as the
+/// size or the channel names are not attributes, and `properties` is not metadata. Strings (a
+/// string array as one rendered string) give std::string; INT32 and FLOAT attributes with an
+/// array length give the vectors; other INT32 and FLOAT attributes give int and float, by
+/// OpenImageIO's get_int and get_float. Any other type (double, half, 8-, 16- and 64-bit integers,
+/// UINT32, ...) still gets its entry, with an empty string, and logs at warn
+/// "Unsupported OIIO metadata value type" once per such attribute. Never fails; the empty Image
+/// gives an empty map.
+VOREL_USD_IMAGE_PROCESSING_API MetadataMap getMetadataFromImage(const Image& image);
+
+/// Writes every entry as an attribute of the image's ImageSpec, replacing an attribute of the
+/// same name whatever its type; "oiio:ColorSpace" thus sets the colour-space tag, without the
+/// warnings of setColorSpace. Only std::string, int and float are written. At the first other
+/// value (a vector, or a variant without a value) logs at err "Unsupported metadata value type"
+/// and returns false: the entries before it in the map's iteration order are written, the
+/// later ones are not tried. True when every entry was written, also for an empty map.
+VOREL_USD_IMAGE_PROCESSING_API bool addMetadataToImage(Image& image, const MetadataMap& metadata);
 
 // ---------------------------------------------------------------------------------------------
 // Geometric operations
