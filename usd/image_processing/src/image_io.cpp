@@ -2,6 +2,7 @@
 
 #include <vorel/usd/image_processing/image_processing.h>
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <utility>
@@ -9,6 +10,8 @@
 
 #include <vorel/base/logging.h>
 #include <vorel/base/path_utils.h>
+
+#include "pixel_types.h"
 
 namespace vorel::usd::image_processing {
 
@@ -175,5 +178,31 @@ bool addMetadataToImage(Image& image, const MetadataMap& metadata) {
 // ---------------------------------------------------------------------------------------------
 // ID images
 // ---------------------------------------------------------------------------------------------
+
+bool convertIdImageToUint(Image& image) {
+    OIIO::ImageSpec& spec = image.buffer.specmod();
+    if (!isScalarOf(spec.format, OIIO::TypeDesc::INT32)) {
+        VOREL_LOG(err, "Can't convert non-ID image: {} format", spec.format.c_str());
+        return false;
+    }
+    void* const pixels = image.buffer.localpixels();
+    if (pixels == nullptr) {
+        VOREL_LOG(err, "Can't modify image with non-local pixels");
+        return false;
+    }
+    // Each sample is read as int32_t and written back as uint32_t in the same 32 bits (signed and
+    // unsigned views of one object may alias). The unsigned sum keeps 2147483647 + 1 exact.
+    const std::int32_t* const ids = static_cast<const std::int32_t*>(pixels);
+    std::uint32_t* const shifted = static_cast<std::uint32_t*>(pixels);
+    const int sampleCount = spec.nchannels * spec.height * spec.width;
+    for (int i = 0; i < sampleCount; ++i) {
+        const std::int32_t id = ids[i];
+        shifted[i] = id < 0 ? 0u : static_cast<std::uint32_t>(id) + 1u;
+    }
+    // Same sample size, so the pixels stay where they are and only the recorded type changes.
+    spec.format = OIIO::TypeDesc(OIIO::TypeDesc::UINT32, OIIO::TypeDesc::SCALAR,
+                                 OIIO::TypeDesc::NOSEMANTICS, 0);
+    return true;
+}
 
 }  // namespace vorel::usd::image_processing

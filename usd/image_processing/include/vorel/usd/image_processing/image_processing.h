@@ -196,4 +196,25 @@ VOREL_USD_IMAGE_PROCESSING_API Image colorConvert(const Image& image, const std:
 // ID images
 // ---------------------------------------------------------------------------------------------
 
+// An ID image has the pixel type scalar INT32: each sample is an identifier, and a negative
+// sample marks a pixel without one. Both functions change the image in place, in its own pixel
+// memory, and leave `properties` alone.
+
+/// Turns an ID image of any number of channels into scalar UINT32 samples: a negative ID
+/// becomes 0 and ID n becomes n + 1 (2147483647 becomes 2147483648). Returns true once done.
+/// Returns false and leaves the image as it was when the pixel type isn't scalar INT32, logging
+/// at err "Can't convert non-ID image: {pixel type} format" (also for an image converted
+/// before, so IDs are never shifted twice), or when its pixels aren't in local memory (such as
+/// a deep image), logging at err "Can't modify image with non-local pixels".
+VOREL_USD_IMAGE_PROCESSING_API bool convertIdImageToUint(Image& image);
+
+/// Replaces a one-channel ID image by a 4-channel UINT8 mask: R, G, B and A are 255 where the ID
+/// is 0 or more and 0 where it's negative, then the mask is dilated by OpenImageIO's dilate with
+/// a 2 x 2 window, which also sets the right, lower and lower-right neighbours of every set
+/// pixel. The old attributes, the colour-space tag among them, are gone and the origin is 0, 0.
+/// Logs "idImageToMask" at debug on every call. An image that isn't one channel of scalar INT32
+/// is left as it was with the err line "Unexpected format for idImage"; one whose pixels aren't
+/// in local memory with "Can't modify image with non-local pixels".
+VOREL_USD_IMAGE_PROCESSING_API void idImageToMask(Image& image);
+
 }  // namespace vorel::usd::image_processing
