@@ -3,10 +3,14 @@
 
 #include <vorel/usd/image_processing/image_processing.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <utility>
 
 #include <OpenImageIO/imagebufalgo.h>
 #include <vorel/base/logging.h>
+
+#include "pixel_types.h"
 
 namespace vorel::usd::image_processing {
 
@@ -82,8 +86,7 @@ Image valueResult(OIIO::ImageBuf&& result, const Image* source, FailureMessage f
 }
 
 bool isScalarUInt32(const OIIO::TypeDesc& type) {
-    return type.basetype == OIIO::TypeDesc::UINT32 && type.aggregate == OIIO::TypeDesc::SCALAR &&
-           !type.is_array();
+    return isScalarOf(type, OIIO::TypeDesc::UINT32);
 }
 
 }  // namespace
@@ -166,5 +169,37 @@ Image colorConvert(const Image& image, const std::string& fromSpace, const std::
 // ---------------------------------------------------------------------------------------------
 // ID images
 // ---------------------------------------------------------------------------------------------
+
+void idImageToMask(Image& image) {
+    VOREL_LOG(debug, "idImageToMask");
+    OIIO::ImageSpec& spec = image.buffer.specmod();
+    if (spec.nchannels != 1 || !isScalarOf(spec.format, OIIO::TypeDesc::INT32)) {
+        VOREL_LOG(err, "Unexpected format for idImage");
+        return;
+    }
+    const std::int32_t* const ids = static_cast<const std::int32_t*>(image.buffer.localpixels());
+    if (ids == nullptr) {
+        VOREL_LOG(err, "Can't modify image with non-local pixels");
+        return;
+    }
+    constexpr int kMaskChannels = 4;
+    const OIIO::ImageSpec maskSpec(spec.width, spec.height, kMaskChannels,
+                                   OIIO::TypeDesc(OIIO::TypeDesc::UINT8, OIIO::TypeDesc::SCALAR,
+                                                  OIIO::TypeDesc::NOSEMANTICS, 0));
+    OIIO::ImageBuf mask(maskSpec, OIIO::InitializePixels::No);
+    std::uint8_t* const rgba = static_cast<std::uint8_t*>(mask.localpixels());
+    const int pixelCount = spec.width * spec.height;
+    for (int i = 0; i < pixelCount; ++i) {
+        const std::uint8_t value = ids[i] < 0 ? 0 : 255;
+        std::fill_n(rgba + i * kMaskChannels, kMaskChannels, value);
+    }
+    // A 2 x 2 window (height -1 repeats the width), not dilate's default of 3: every identified
+    // pixel also sets its right, lower and lower-right neighbours, a margin of one pixel.
+    const OIIO::ImageBuf dilated =
+        IBA::dilate(mask, /*width=*/2, /*height=*/-1, OIIO::ROI(), /*nthreads=*/0);
+    // Spec and pixels of the mask replace ours; copying from a local buffer in its own type
+    // leaves copy nothing to fail on that we could act on, so its result isn't looked at.
+    image.buffer.copy(dilated, OIIO::TypeUnknown);
+}
 
 }  // namespace vorel::usd::image_processing

@@ -11,6 +11,8 @@
 #include <filesystem>
 #include <map>
 #include <string>
+#include <unordered_map>
+#include <variant>
 #include <vector>
 
 #include <OpenImageIO/imagebuf.h>
@@ -121,6 +123,13 @@ VOREL_USD_IMAGE_PROCESSING_API Image createImageFromData(void* data, int width, 
 // Supported extensions
 // ---------------------------------------------------------------------------------------------
 
+/// Every file extension that OpenImageIO knows, read from its "extension_list" attribute at each
+/// call: bare (no dot) and in OpenImageIO's case, grouped by format name in ascending byte order
+/// and in OpenImageIO's order within a format. An extension that two formats share appears
+/// twice. To match a path, drop the dot of its extension and settle the case yourself. Never
+/// logs; an empty vector when OpenImageIO gives no list.
+VOREL_USD_IMAGE_PROCESSING_API std::vector<std::string> getSupportedImageExtensions();
+
 // ---------------------------------------------------------------------------------------------
 // Writing: the colour policy by extension and the three writers
 // ---------------------------------------------------------------------------------------------
@@ -177,6 +186,32 @@ VOREL_USD_IMAGE_PROCESSING_API bool writeAnimatedGif(const std::vector<Image>& f
 // Metadata
 // ---------------------------------------------------------------------------------------------
 
+/// One metadata value. The index of the alternative is its kind: 0 string, 1 int, 2 float,
+/// 3 int array, 4 float array.
+using MetadataValue = std::variant<std::string, int, float, std::vector<int>, std::vector<float>>;
+
+/// Attribute name, exactly as OpenImageIO holds it (prefix included, e.g. "oiio:ColorSpace"), to
+/// its value.
+using MetadataMap = std::unordered_map<std::string, MetadataValue>;
+
+/// One entry for each attribute of the image's OpenImageIO ImageSpec. Fixed fields such as the
+/// size or the channel names are not attributes, and `properties` is not metadata. Strings (a
+/// string array as one rendered string) give std::string; INT32 and FLOAT attributes with an
+/// array length give the vectors; other INT32 and FLOAT attributes give int and float, by
+/// OpenImageIO's get_int and get_float. Any other type (double, half, 8-, 16- and 64-bit integers,
+/// UINT32, ...) still gets its entry, with an empty string, and logs at warn
+/// "Unsupported OIIO metadata value type" once per such attribute. Never fails; the empty Image
+/// gives an empty map.
+VOREL_USD_IMAGE_PROCESSING_API MetadataMap getMetadataFromImage(const Image& image);
+
+/// Writes every entry as an attribute of the image's ImageSpec, replacing an attribute of the
+/// same name whatever its type; "oiio:ColorSpace" thus sets the colour-space tag, without the
+/// warnings of setColorSpace. Only std::string, int and float are written. At the first other
+/// value (a vector, or a variant without a value) logs at err "Unsupported metadata value type"
+/// and returns false: the entries before it in the map's iteration order are written, the
+/// later ones are not tried. True when every entry was written, also for an empty map.
+VOREL_USD_IMAGE_PROCESSING_API bool addMetadataToImage(Image& image, const MetadataMap& metadata);
+
 // ---------------------------------------------------------------------------------------------
 // Geometric operations
 // ---------------------------------------------------------------------------------------------
@@ -208,5 +243,26 @@ VOREL_USD_IMAGE_PROCESSING_API Image colorConvert(const Image& image, const std:
 // ---------------------------------------------------------------------------------------------
 // ID images
 // ---------------------------------------------------------------------------------------------
+
+// An ID image has the pixel type scalar INT32: each sample is an identifier, and a negative
+// sample marks a pixel without one. Both functions change the image in place, in its own pixel
+// memory, and leave `properties` alone.
+
+/// Turns an ID image of any number of channels into scalar UINT32 samples: a negative ID
+/// becomes 0 and ID n becomes n + 1 (2147483647 becomes 2147483648). Returns true once done.
+/// Returns false and leaves the image as it was when the pixel type isn't scalar INT32, logging
+/// at err "Can't convert non-ID image: {pixel type} format" (also for an image converted
+/// before, so IDs are never shifted twice), or when its pixels aren't in local memory (such as
+/// a deep image), logging at err "Can't modify image with non-local pixels".
+VOREL_USD_IMAGE_PROCESSING_API bool convertIdImageToUint(Image& image);
+
+/// Replaces a one-channel ID image by a 4-channel UINT8 mask: R, G, B and A are 255 where the ID
+/// is 0 or more and 0 where it's negative, then the mask is dilated by OpenImageIO's dilate with
+/// a 2 x 2 window, which also sets the right, lower and lower-right neighbours of every set
+/// pixel. The old attributes, the colour-space tag among them, are gone and the origin is 0, 0.
+/// Logs "idImageToMask" at debug on every call. An image that isn't one channel of scalar INT32
+/// is left as it was with the err line "Unexpected format for idImage"; one whose pixels aren't
+/// in local memory with "Can't modify image with non-local pixels".
+VOREL_USD_IMAGE_PROCESSING_API void idImageToMask(Image& image);
 
 }  // namespace vorel::usd::image_processing
