@@ -169,10 +169,13 @@ bool isColorSpaceSRGB(Reader reader, HioImage::SourceColorSpace sourceColorSpace
     return family == HioFormatUNorm8 && (channels == 3 || channels == 4);
 }
 
-// Opens a file for decoding; a failure leaves nothing pending in OpenImageIO's global error,
-// since this layer fails silently.
+// Opens a file for decoding its samples as stored. OpenImageIO would otherwise associate colour
+// with an unassociated alpha (PNG, TGA, TIFF), which OpenUSD's readers don't. A failure leaves
+// nothing pending in OpenImageIO's global error, since this layer fails silently.
 std::unique_ptr<OIIO::ImageInput> openInput(const std::string& filename) {
-    std::unique_ptr<OIIO::ImageInput> input = OIIO::ImageInput::open(filename);
+    OIIO::ImageSpec config;
+    config.attribute("oiio:UnassociatedAlpha", 1);
+    std::unique_ptr<OIIO::ImageInput> input = OIIO::ImageInput::open(filename, &config);
     if (!input) {
         OIIO::geterror(true);
     }
