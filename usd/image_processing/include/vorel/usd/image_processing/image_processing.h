@@ -19,6 +19,7 @@
 #include <OpenImageIO/imageio.h>
 #include <OpenImageIO/span.h>
 #include <OpenImageIO/typedesc.h>
+#include <pxr/imaging/hgi/types.h>
 
 #if defined(_WIN32)
 #if defined(VOREL_USD_IMAGE_PROCESSING_BUILDING)
@@ -118,6 +119,26 @@ VOREL_USD_IMAGE_PROCESSING_API Image createImageFromData(void* data, int width, 
 // ---------------------------------------------------------------------------------------------
 // Asset images through Hio and the Hgi format vocabulary
 // ---------------------------------------------------------------------------------------------
+
+/// Loads the image that a USD scene names by `assetPath` through OpenUSD's Hio image layer
+/// (not OpenImageIO's readers), in the format the file itself delivers, and tags it "sRGB" when
+/// Hio reports that colour space; any other image has no tag ("linear" is never set). The
+/// samples are always UINT8 with one channel per byte of a Hio pixel: an 8-bit RGBA file gives
+/// 4 channels, a float RGBA file 16 channels holding each pixel's raw bytes. On failure returns
+/// the empty Image and logs at err "Failed to open image {assetPath}" (Hio can't open it) or
+/// "Reading of image {assetPath} failed" (Hio can't decode it).
+VOREL_USD_IMAGE_PROCESSING_API Image getImageFromAssetPath(const std::string& assetPath);
+
+/// Channels of an HgiFormat pixel: 1 to 4 for HgiFormatUNorm8 (0) to HgiFormatUNorm8Vec4srgb
+/// (26). Any other value (HgiFormatInvalid, block-compressed, packed and depth formats) returns 0
+/// and logs at err "Unsupported hgiFormat"; test this count before trusting the type below.
+VOREL_USD_IMAGE_PROCESSING_API int getNumChannelsFromHgiFormat(PXR_NS::HgiFormat format);
+
+/// The scalar OpenImageIO type of one channel of an HgiFormat pixel (normalised formats give
+/// plain integer types; sRGB doesn't show). For values outside 0..26 returns FLOAT, which can't
+/// be told from a valid answer, and logs at err "Unsupported hgiFormat".
+VOREL_USD_IMAGE_PROCESSING_API OIIO::TypeDesc getOIIOTypeDescFromHgiFormat(
+    PXR_NS::HgiFormat format);
 
 // ---------------------------------------------------------------------------------------------
 // Supported extensions
