@@ -51,6 +51,16 @@ namespace {
 
 using FailureMessage = spdlog::format_string_t<std::string>;
 
+/// A new Image taking `pixels` by move, with a copy of `source`'s properties (none without one).
+Image resultImage(OIIO::ImageBuf&& pixels, const Image* source) {
+    Image image;
+    image.buffer = std::move(pixels);
+    if (source != nullptr) {
+        image.properties = source->properties;
+    }
+    return image;
+}
+
 /// Value frame: `result` is what the value overload of ImageBufAlgo returned. Its has_error()
 /// alone decides. On success its pixels move into the new Image, which carries a copy of the
 /// first source's properties (none when the operation has no source image).
@@ -59,18 +69,12 @@ Image valueResult(OIIO::ImageBuf&& result, const Image* source, FailureMessage f
         VOREL_LOG(err, failureMessage, result.geterror(true));
         return Image{};
     }
-    Image image;
-    image.buffer = std::move(result);
-    if (source != nullptr) {
-        image.properties = source->properties;
-    }
-    return image;
+    return resultImage(std::move(result), source);
 }
 
 /// In-place frame: `failed` is the operation's own test after its call on `buffer`; the error
 /// text is taken from (and thereby cleared on) that same buffer.
-[[maybe_unused]] bool inPlaceResult(bool failed, OIIO::ImageBuf& buffer,
-                                    FailureMessage failureMessage) {
+bool inPlaceResult(bool failed, OIIO::ImageBuf& buffer, FailureMessage failureMessage) {
     if (failed) {
         VOREL_LOG(err, failureMessage, buffer.geterror(true));
         return false;
@@ -132,6 +136,40 @@ unsigned int getPixelUIntValue(const Image& image, int x, int y, int z, int chan
 // ---------------------------------------------------------------------------------------------
 // Geometric operations
 // ---------------------------------------------------------------------------------------------
+
+Image cut(const Image& image, const OIIO::ROI& roi) {
+    return valueResult(IBA::cut(image.buffer, roi, /*nthreads=*/0), &image,
+                       "Crop operation failed:\n{}");
+}
+
+Image fit(const Image& image, const OIIO::ROI& roi) {
+    // OpenImageIO deprecates (since 2.3) this overload without a fill mode; it letterboxes, which
+    // is what fit promises, so it is called on purpose and the deprecation is silenced here only.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    return valueResult(IBA::fit(image.buffer, /*filtername=*/"", /*filterwidth=*/0.0f,
+                                /*exact=*/false, roi, /*nthreads=*/0),
+                       &image, "Fit operation failed:\n{}");
+#pragma GCC diagnostic pop
+}
+
+Image resize(const Image& image, const OIIO::ROI& roi) {
+    return valueResult(
+        IBA::resize(image.buffer, /*filtername=*/"", /*filterwidth=*/0.0f, roi, /*nthreads=*/0),
+        &image, "Resize operation failed:\n{}");
+}
+
+Image rotate(const Image& image, float angle, bool recomputeRoi) {
+    return valueResult(IBA::rotate(image.buffer, angle, /*filtername=*/"", /*filterwidth=*/0.0f,
+                                   recomputeRoi, OIIO::ROI(), /*nthreads=*/0),
+                       &image, "Rotate operation failed:\n{}");
+}
+
+bool paste(Image& dst, int x, int y, const Image& src, const OIIO::ROI& roi) {
+    const bool pasted = IBA::paste(dst.buffer, x, y, /*zbegin=*/0, /*chbegin=*/0, src.buffer, roi,
+                                   /*nthreads=*/0);
+    return inPlaceResult(!pasted, dst.buffer, "Paste operation failed:\n{}");
+}
 
 // ---------------------------------------------------------------------------------------------
 // Compositing and alpha

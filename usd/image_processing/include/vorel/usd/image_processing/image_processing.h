@@ -133,6 +133,35 @@ VOREL_USD_IMAGE_PROCESSING_API Image createImageFromData(void* data, int width, 
 // Geometric operations
 // ---------------------------------------------------------------------------------------------
 
+// Every value operation below returns a new Image with a copy of its (first) source's
+// `properties`; `roi` is handed to OpenImageIO as given (a default ROI means the whole image).
+// On failure it returns the empty Image and logs one err line ending in OpenImageIO's text.
+
+/// The region `roi` of `image`, with its origin moved to (0, 0). Failure is logged as
+/// "Crop operation failed:\n{OpenImageIO's text}".
+VOREL_USD_IMAGE_PROCESSING_API Image cut(const Image& image, const OIIO::ROI& roi);
+
+/// `image` scaled into `roi` with its aspect ratio kept, letterboxed into the rest of the region,
+/// with OpenImageIO's default filter. Failure: "Fit operation failed:\n{OpenImageIO's text}".
+VOREL_USD_IMAGE_PROCESSING_API Image fit(const Image& image, const OIIO::ROI& roi);
+
+/// `image` resampled to the size of `roi` with OpenImageIO's default filter. Failure (such as a
+/// 0 x 0 region): "Resize operation failed:\n{OpenImageIO's text}".
+VOREL_USD_IMAGE_PROCESSING_API Image resize(const Image& image, const OIIO::ROI& roi);
+
+/// `image` rotated by `angle` radians about the centre of its display window. With
+/// `recomputeRoi` the result's extent grows to hold the whole rotated image; without it, it
+/// keeps the source's. Failure: "Rotate operation failed:\n{OpenImageIO's text}".
+VOREL_USD_IMAGE_PROCESSING_API Image rotate(const Image& image, float angle, bool recomputeRoi);
+
+/// Writes the region `roi` of `src` (all of it for the default ROI) into `dst` at column `x`,
+/// row `y`, in place; an empty `dst` is allocated. `dst.properties` are left alone. Returns
+/// false on failure, with `dst` as OpenImageIO left it, and logs at err
+/// "Paste operation failed:\n{OpenImageIO's text}". On OpenImageIO 2.4.7 a region that does not
+/// start at (0, 0) lands further by that start: pass regions starting at (0, 0).
+VOREL_USD_IMAGE_PROCESSING_API bool paste(Image& dst, int x, int y, const Image& src,
+                                          const OIIO::ROI& roi = OIIO::ROI());
+
 // ---------------------------------------------------------------------------------------------
 // Compositing and alpha
 // ---------------------------------------------------------------------------------------------

@@ -1,0 +1,115 @@
+// Whole-image operations: numeric results on small images, the failure contract (empty Image or
+// false with one err line), untouched sources and the properties that travel with results.
+
+#include <cmath>
+
+#include <OpenImageIO/imagebufalgo.h>
+
+#include "test_support.h"
+
+namespace ip = vorel::usd::image_processing;
+using vorel::test::LibraryTest;
+using vorel::test::makeGradient;
+using vorel::test::sameImage;
+
+namespace {
+
+const std::map<std::string, std::string> kProperties{{"shot", "010"}, {"take", "3"}};
+
+/// A width x height image of `channels` FLOAT channels holding `values`, pixel after pixel.
+ip::Image imageOf(int width, int height, int channels, const std::vector<float>& values) {
+    ip::Image image;
+    image.buffer.reset(OIIO::ImageSpec(width, height, channels, OIIO::TypeDesc::FLOAT));
+    image.buffer.set_pixels(image.buffer.roi(), OIIO::TypeDesc::FLOAT, values.data());
+    image.properties = kProperties;
+    return image;
+}
+
+float at(const ip::Image& image, int x, int y, int c) {
+    return image.buffer.getchannel(x, y, 0, c);
+}
+
+class Operations : public LibraryTest {
+protected:
+    /// An empty result and one err line: `prefix` followed by OpenImageIO's (non-empty) text
+    /// when the prefix ends in a line break, else exactly `prefix`.
+    void expectFailure(const ip::Image& result, const std::string& prefix) {
+        EXPECT_FALSE(result.buffer.initialized());
+        EXPECT_TRUE(result.properties.empty());
+        expectFailureLine(prefix);
+    }
+    void expectFailureLine(const std::string& prefix) {
+        const auto records = log.records();
+        ASSERT_EQ(records.size(), 1u) << prefix;
+        EXPECT_EQ(records[0].level, spdlog::level::err);
+        EXPECT_EQ(records[0].funcname, "vorel_usd_image_processing");
+        if (prefix.back() == '\n') {
+            EXPECT_EQ(records[0].message.rfind(prefix, 0), 0u) << records[0].message;
+            EXPECT_GT(records[0].message.size(), prefix.size());
+        } else {
+            EXPECT_EQ(records[0].message, prefix);
+        }
+        log.clear();
+    }
+};
+
+TEST_F(Operations, GeometryGivesTheExpectedExtentsAndLeavesTheSourceAlone) {
+    ip::Image source = makeGradient(8, 4, 3);
+    source.properties = kProperties;
+    const ip::Image before = source;
+
+    const ip::Image cut = ip::cut(source, OIIO::ROI(2, 6, 1, 3));
+    EXPECT_EQ(cut.buffer.roi(), OIIO::ROI(0, 4, 0, 2, 0, 1, 0, 3));  // origin moved to 0,0
+    EXPECT_EQ(at(cut, 1, 1, 2), at(source, 3, 2, 2));
+    const ip::Image resized = ip::resize(source, OIIO::ROI(0, 16, 0, 2));
+    EXPECT_EQ(resized.buffer.roi(), OIIO::ROI(0, 16, 0, 2, 0, 1, 0, 3));
+    // 8 x 4 into 4 x 4: scaled to 4 x 2 and letterboxed by its display window.
+    const ip::Image fitted = ip::fit(source, OIIO::ROI(0, 4, 0, 4));
+    EXPECT_EQ(fitted.buffer.roi(), OIIO::ROI(0, 4, 1, 3, 0, 1, 0, 3));
+    EXPECT_EQ(fitted.buffer.roi_full(), OIIO::ROI(0, 4, 0, 4, 0, 1, 0, 3));
+    const ip::Image turned = ip::rotate(source, float(M_PI / 2), true);
+    EXPECT_EQ(turned.buffer.roi(), OIIO::ROI(2, 6, -2, 6, 0, 1, 0, 3));
+    const ip::Image kept = ip::rotate(source, float(M_PI / 2), false);
+    EXPECT_EQ(kept.buffer.roi(), source.buffer.roi());
+    for (const ip::Image* result : {&cut, &resized, &fitted, &turned, &kept}) {
+        EXPECT_EQ(result->properties, kProperties);
+    }
+    EXPECT_TRUE(sameImage(source.buffer, before.buffer));
+    EXPECT_EQ(source.properties, kProperties);
+    expectNoWarnings();
+}
+
+TEST_F(Operations, GeometryFailuresGiveTheEmptyImageAndTheirOwnMessage) {
+    ip::Image empty;
+    empty.properties = kProperties;
+    expectFailure(ip::cut(empty, OIIO::ROI(0, 2, 0, 2)), "Crop operation failed:\n");
+    expectFailure(ip::fit(empty, OIIO::ROI(0, 2, 0, 2)), "Fit operation failed:\n");
+    expectFailure(ip::rotate(empty, 0.0f, false), "Rotate operation failed:\n");
+    ip::Image source = makeGradient(4, 4, 3);
+    source.properties = kProperties;
+    expectFailure(ip::resize(source, OIIO::ROI(0, 0, 0, 0)), "Resize operation failed:\n");
+}
+
+TEST_F(Operations, PastePutsTheRegionAtTheGivenPositionInPlace) {
+    const ip::Image src = imageOf(2, 2, 1, {1, 2, 3, 4});
+    ip::Image dst = imageOf(5, 4, 1, std::vector<float>(20, 0.0f));
+    dst.properties = {{"dst", "kept"}};
+    ASSERT_TRUE(ip::paste(dst, 3, 1, src));
+    ASSERT_TRUE(ip::paste(dst, 0, 0, src, OIIO::ROI(0, 1, 0, 2)));  // left column only
+    const std::vector<float> expected{1, 0, 0, 0, 0,                //
+                                      3, 0, 0, 1, 2,                //
+                                      0, 0, 0, 3, 4,                //
+                                      0, 0, 0, 0, 0};
+    std::vector<float> pixels(20);
+    dst.buffer.get_pixels(dst.buffer.roi(), OIIO::TypeDesc::FLOAT, pixels.data());
+    EXPECT_EQ(pixels, expected);
+    EXPECT_EQ(dst.properties, (std::map<std::string, std::string>{{"dst", "kept"}}));
+    expectNoWarnings();
+
+    ip::Image empty;
+    EXPECT_FALSE(ip::paste(empty, 0, 0, ip::Image()));
+    expectFailureLine("Paste operation failed:\n");
+    EXPECT_FALSE(empty.buffer.has_error());  // the message was taken off the buffer
+}
+
+}  // namespace
