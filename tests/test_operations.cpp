@@ -112,4 +112,99 @@ TEST_F(Operations, PastePutsTheRegionAtTheGivenPositionInPlace) {
     EXPECT_FALSE(empty.buffer.has_error());  // the message was taken off the buffer
 }
 
+TEST_F(Operations, OverAndCompositeOverBackgroundColor) {
+    const ip::Image foreground = imageOf(2, 1, 4, {0.4f, 0, 0, 0.5f, 0, 0, 0, 0});
+    ip::Image background = imageOf(2, 1, 4, {0, 0.8f, 0, 1, 0, 0.8f, 0, 1});
+    background.properties = {{"background", "dropped"}};
+    const ip::Image composite = ip::over(foreground, background);
+    EXPECT_NEAR(at(composite, 0, 0, 0), 0.4f, 1e-6);
+    EXPECT_NEAR(at(composite, 0, 0, 1), 0.4f, 1e-6);
+    EXPECT_NEAR(at(composite, 0, 0, 3), 1.0f, 1e-6);
+    EXPECT_NEAR(at(composite, 1, 0, 1), 0.8f, 1e-6);
+    EXPECT_EQ(composite.properties, kProperties);
+
+    ip::Image flattened = foreground;
+    ip::compositeOverBackgroundColor(flattened, {0, 0, 1, 1});
+    EXPECT_NEAR(at(flattened, 0, 0, 0), 0.4f, 1e-6);
+    EXPECT_NEAR(at(flattened, 0, 0, 2), 0.5f, 1e-6);
+    EXPECT_NEAR(at(flattened, 1, 0, 2), 1.0f, 1e-6);
+    EXPECT_EQ(flattened.buffer.roi(), OIIO::ROI(0, 2, 0, 1, 0, 1, 0, 4));
+    EXPECT_EQ(flattened.properties, kProperties);
+    expectNoWarnings();
+
+    // Without alpha the composite fails and the image is emptied, properties and all.
+    ip::Image rgb = imageOf(2, 1, 3, std::vector<float>(6, 0.5f));
+    ip::compositeOverBackgroundColor(rgb, {0, 0, 1, 1});
+    expectFailure(rgb, "Over compositing failed:\n");
+    expectFailure(ip::over(rgb, background), "Over compositing failed:\n");
+}
+
+TEST_F(Operations, CreateSolidColorImageFillsTheRegion) {
+    const ip::Image solid =
+        ip::createSolidColorImage({0.25f, 0.5f}, OIIO::ROI(1, 4, 0, 2, 0, 1, 0, 2));
+    EXPECT_EQ(solid.buffer.roi(), OIIO::ROI(1, 4, 0, 2, 0, 1, 0, 2));
+    const auto stats = OIIO::ImageBufAlgo::computePixelStats(solid.buffer);
+    EXPECT_EQ(stats.min, (std::vector<float>{0.25f, 0.5f}));
+    EXPECT_EQ(stats.max, (std::vector<float>{0.25f, 0.5f}));
+    EXPECT_TRUE(solid.properties.empty());
+    EXPECT_EQ(ip::getColorSpace(solid), "");
+    expectNoWarnings();
+    expectFailure(ip::createSolidColorImage({1, 1, 1}, OIIO::ROI()),
+                  "Create solid operation failed:\n");
+}
+
+TEST_F(Operations, PreMultiplyRoundTripsAndRefusesUnknownModes) {
+    const ip::Image straight = imageOf(1, 1, 4, {0.8f, 0.4f, 0.2f, 0.5f});
+    const ip::Image premultiplied = ip::preMultiply(straight, ip::PreMultMode::Premult);
+    EXPECT_EQ(at(premultiplied, 0, 0, 0), 0.4f);
+    EXPECT_EQ(at(premultiplied, 0, 0, 2), 0.1f);
+    EXPECT_EQ(at(premultiplied, 0, 0, 3), 0.5f);
+    EXPECT_EQ(premultiplied.properties, kProperties);
+    const ip::Image back = ip::preMultiply(premultiplied, ip::PreMultMode::Unpremult);
+    EXPECT_EQ(OIIO::ImageBufAlgo::compare(back.buffer, straight.buffer, 0, 0).nfail, 0u);
+    const ip::Image again = ip::preMultiply(straight, ip::PreMultMode::Repremult);
+    EXPECT_TRUE(sameImage(again.buffer, premultiplied.buffer));
+    EXPECT_EQ(at(straight, 0, 0, 0), 0.8f);
+    expectNoWarnings();
+
+    // An empty source would make OpenImageIO fail: only the mode's own message shows, so no
+    // call was made.
+    for (const int mode : {3, -1}) {
+        expectFailure(ip::preMultiply(ip::Image(), static_cast<ip::PreMultMode>(mode)),
+                      "Invalid PreMultMode");
+    }
+    expectFailure(ip::preMultiply(ip::Image(), ip::PreMultMode::Premult),
+                  "Premultiply operation failed:\n");
+}
+
+TEST_F(Operations, AddAlphaChannelOnlyToThreeChannelImagesWithoutAlpha) {
+    ip::Image rgb = imageOf(2, 1, 3, {0.1f, 0.2f, 0.3f, 0.4f, 0.5f, 0.6f});
+    rgb.properties = {{"own", "map"}};
+    ASSERT_TRUE(ip::addAlphaChannel(rgb, 0.0f));
+    EXPECT_EQ(rgb.buffer.spec().channelnames, (std::vector<std::string>{"R", "G", "B", "A"}));
+    EXPECT_EQ(rgb.buffer.spec().alpha_channel, 3);
+    EXPECT_EQ(at(rgb, 1, 0, 2), 0.6f);
+    EXPECT_EQ(at(rgb, 1, 0, 3), 0.0f);
+    EXPECT_EQ(rgb.properties, (std::map<std::string, std::string>{{"own", "map"}}));
+    expectNoWarnings();
+
+    const ip::Image before = rgb;
+    EXPECT_FALSE(ip::addAlphaChannel(rgb, 1.0f));  // has alpha: silent
+    EXPECT_TRUE(log.records().empty());
+    EXPECT_TRUE(sameImage(rgb.buffer, before.buffer));
+
+    ip::Image unmarked = imageOf(1, 1, 4, {1, 1, 1, 1});
+    unmarked.buffer.specmod().alpha_channel = -1;
+    ip::Image grey = imageOf(1, 1, 1, {1});
+    ip::Image twoChannels = imageOf(1, 1, 2, {1, 1});
+    for (ip::Image* image : {&unmarked, &grey, &twoChannels}) {
+        const int channels = image->buffer.nchannels();
+        EXPECT_FALSE(ip::addAlphaChannel(*image, 1.0f));
+        expectOnlyMessage(spdlog::level::warn, "Couldn't add alpha channel to image with " +
+                                                   std::to_string(channels) + " channels");
+        EXPECT_EQ(image->buffer.nchannels(), channels);
+        log.clear();
+    }
+}
+
 }  // namespace

@@ -175,6 +175,73 @@ bool paste(Image& dst, int x, int y, const Image& src, const OIIO::ROI& roi) {
 // Compositing and alpha
 // ---------------------------------------------------------------------------------------------
 
+Image over(const Image& foreground, const Image& background, const OIIO::ROI& roi) {
+    return valueResult(IBA::over(foreground.buffer, background.buffer, roi, /*nthreads=*/0),
+                       &foreground, "Over compositing failed:\n{}");
+}
+
+Image createSolidColorImage(const std::vector<float>& color, const OIIO::ROI& roi) {
+    return valueResult(IBA::fill(color, roi, /*nthreads=*/0), /*source=*/nullptr,
+                       "Create solid operation failed:\n{}");
+}
+
+void compositeOverBackgroundColor(Image& image, const std::vector<float>& backgroundColor) {
+    const OIIO::ImageSpec& spec = image.buffer.spec();
+    // Always RGBA from pixel (0, 0), whatever the image's channels or data window.
+    const OIIO::ROI region(0, spec.width, 0, spec.height, 0, 1, 0, 4);
+    const Image background = createSolidColorImage(backgroundColor, region);
+    image = over(image, background, region);
+}
+
+namespace {
+
+using AlphaOperation = OIIO::ImageBuf (*)(const OIIO::ImageBuf&, OIIO::ROI, int);
+
+/// The ImageBufAlgo call that `mode` selects, or nullptr for a value outside the enumeration.
+AlphaOperation alphaOperation(PreMultMode mode) {
+    switch (mode) {
+        case PreMultMode::Premult:
+            return IBA::premult;
+        case PreMultMode::Unpremult:
+            return IBA::unpremult;
+        case PreMultMode::Repremult:
+            return IBA::repremult;
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+Image preMultiply(const Image& image, PreMultMode mode) {
+    const AlphaOperation operation = alphaOperation(mode);
+    if (operation == nullptr) {
+        VOREL_LOG(err, "Invalid PreMultMode");
+        return Image{};
+    }
+    return valueResult(operation(image.buffer, OIIO::ROI(), /*nthreads=*/0), &image,
+                       "Premultiply operation failed:\n{}");
+}
+
+bool addAlphaChannel(Image& image, float alpha) {
+    const int alphaChannel = image.buffer.spec().alpha_channel;
+    const int channelCount = image.buffer.spec().nchannels;
+    if (alphaChannel != -1) {
+        return false;
+    }
+    if (channelCount != 3) {
+        VOREL_LOG(warn, "Couldn't add alpha channel to image with {} channels", channelCount);
+        return false;
+    }
+    // R, G and B stay (names included); the fourth channel, "A", takes its value from `alpha`.
+    const int channelOrder[] = {0, 1, 2, -1};
+    const float channelValues[] = {0.0f, 0.0f, 0.0f, alpha};
+    const std::string channelNames[] = {"", "", "", "A"};
+    IBA::channels(image.buffer, image.buffer, 4, channelOrder, channelValues, channelNames,
+                  /*shuffle_channel_names=*/false, /*nthreads=*/0);
+    return inPlaceResult(image.buffer.has_error(), image.buffer,
+                         "Adding of alpha channel failed:\n{}");
+}
+
 // ---------------------------------------------------------------------------------------------
 // Colour conversion
 // ---------------------------------------------------------------------------------------------

@@ -166,6 +166,37 @@ VOREL_USD_IMAGE_PROCESSING_API bool paste(Image& dst, int x, int y, const Image&
 // Compositing and alpha
 // ---------------------------------------------------------------------------------------------
 
+/// `foreground` composited over `background` within `roi` (both need an alpha channel). The
+/// result carries `foreground`'s properties. Failure: the empty Image and, at err,
+/// "Over compositing failed:\n{OpenImageIO's text}".
+VOREL_USD_IMAGE_PROCESSING_API Image over(const Image& foreground, const Image& background,
+                                          const OIIO::ROI& roi = OIIO::ROI());
+
+/// A new image covering `roi` (extent and channels) filled with `color`, which must hold one
+/// value per channel of `roi`. No colour-space tag, no properties. Failure (such as the default
+/// ROI): the empty Image and, at err, "Create solid operation failed:\n{OpenImageIO's text}".
+VOREL_USD_IMAGE_PROCESSING_API Image createSolidColorImage(const std::vector<float>& color,
+                                                           const OIIO::ROI& roi);
+
+/// Flattens an RGBA `image` over a solid `backgroundColor` (four values, R, G, B, A) on the
+/// region from pixel (0, 0) of its size, channels 0 to 4. `image` is replaced by the composite;
+/// when that fails, `image` becomes the empty Image (properties included) and the err lines of
+/// createSolidColorImage and over are the only report.
+VOREL_USD_IMAGE_PROCESSING_API void compositeOverBackgroundColor(
+    Image& image, const std::vector<float>& backgroundColor);
+
+/// `image` premultiplied, unpremultiplied or repremultiplied by its alpha, as `mode` says. A
+/// `mode` other than the three enumerators logs "Invalid PreMultMode" at err; an OpenImageIO
+/// failure logs "Premultiply operation failed:\n{OpenImageIO's text}"; both give the empty Image.
+VOREL_USD_IMAGE_PROCESSING_API Image preMultiply(const Image& image, PreMultMode mode);
+
+/// Gives a three-channel image without alpha a fourth channel "A" holding `alpha`, in place.
+/// Returns false, and leaves `image` as it was, silently when the image already has an alpha
+/// channel, and with a warn line "Couldn't add alpha channel to image with {n} channels" when it
+/// doesn't have exactly 3 channels. An OpenImageIO failure logs at err
+/// "Adding of alpha channel failed:\n{OpenImageIO's text}" and returns false.
+VOREL_USD_IMAGE_PROCESSING_API bool addAlphaChannel(Image& image, float alpha);
+
 // ---------------------------------------------------------------------------------------------
 // Colour conversion
 // ---------------------------------------------------------------------------------------------
