@@ -207,4 +207,22 @@ TEST_F(Operations, AddAlphaChannelOnlyToThreeChannelImagesWithoutAlpha) {
     }
 }
 
+TEST_F(Operations, ColorConvertFollowsTheSRGBCurve) {
+    const std::vector<float> linear{0.001f, 0.18f, 0.5f, 1.0f};
+    const ip::Image source = imageOf(4, 1, 1, linear);
+    const ip::Image converted = ip::colorConvert(source, "linear", "sRGB");
+    for (int x = 0; x < 4; ++x) {
+        const float v = linear[x];
+        const float curve = v <= 0.0031308f ? 12.92f * v : 1.055f * std::pow(v, 1 / 2.4f) - 0.055f;
+        EXPECT_NEAR(at(converted, x, 0, 0), curve, 2e-4) << v;
+    }
+    EXPECT_EQ(ip::getColorSpace(converted), "sRGB");
+    EXPECT_EQ(converted.properties, kProperties);
+    const ip::Image back = ip::colorConvert(converted, "sRGB", "linear");
+    EXPECT_NEAR(at(back, 1, 0, 0), 0.18f, 1e-4);
+    expectNoWarnings();
+    expectFailure(ip::colorConvert(source, "linear", "no such space"),
+                  "colorConvert operation failed:\n");
+}
+
 }  // namespace
