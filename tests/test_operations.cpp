@@ -225,4 +225,70 @@ TEST_F(Operations, ColorConvertFollowsTheSRGBCurve) {
                   "colorConvert operation failed:\n");
 }
 
+TEST_F(Operations, ShuffleAppendAndInvert) {
+    const ip::Image rgba = imageOf(1, 1, 4, {0.1f, 0.2f, 0.3f, 0.4f});
+    const int order[] = {2, 0};
+    const ip::Image shuffled = ip::shuffle(rgba, 2, order);
+    EXPECT_EQ(shuffled.buffer.nchannels(), 2);
+    EXPECT_EQ(at(shuffled, 0, 0, 0), 0.3f);
+    EXPECT_EQ(at(shuffled, 0, 0, 1), 0.1f);
+    EXPECT_EQ(shuffled.properties, kProperties);
+
+    ip::Image depth = imageOf(1, 1, 1, {7.0f});
+    depth.properties = {{"second", "dropped"}};
+    const ip::Image appended = ip::channelAppend(rgba, depth);
+    EXPECT_EQ(appended.buffer.nchannels(), 5);
+    EXPECT_EQ(at(appended, 0, 0, 3), 0.4f);
+    EXPECT_EQ(at(appended, 0, 0, 4), 7.0f);
+    EXPECT_EQ(appended.properties, kProperties);
+
+    const ip::Image inverted = ip::invert(rgba);
+    for (int c = 0; c < 4; ++c) {
+        EXPECT_EQ(at(inverted, 0, 0, c), 1.0f - at(rgba, 0, 0, c));
+    }
+    EXPECT_EQ(inverted.properties, kProperties);
+    const ip::Image colourOnly = ip::invert(rgba, OIIO::ROI(0, 1, 0, 1, 0, 1, 0, 3));
+    EXPECT_EQ(at(colourOnly, 0, 0, 0), 0.9f);
+    expectNoWarnings();
+
+    const ip::Image empty;
+    expectFailure(ip::shuffle(empty, 2, order), "Shuffle operation failed:\n");
+    expectFailure(ip::channelAppend(empty, empty), "Channel append operation failed:\n");
+    expectFailure(ip::invert(empty), "Invert operation failed:\n");
+}
+
+TEST_F(Operations, InvertChannelChangesExactlyTheNamedChannel) {
+    // Every channel of RGBA, on a data window at (0, 0) and on one shifted away from it.
+    for (const OIIO::ROI window : {OIIO::ROI(0, 3, 0, 2), OIIO::ROI(5, 8, -3, -1)}) {
+        ip::Image source = makeGradient(3, 2, 4, OIIO::TypeDesc::FLOAT, 0.03f);
+        source.buffer.set_origin(window.xbegin, window.ybegin);
+        source.properties = kProperties;
+        const ip::Image before = source;
+        for (int channel = 0; channel < 4; ++channel) {
+            const std::string name = source.buffer.spec().channelnames[channel];
+            SCOPED_TRACE(name + " from x " + std::to_string(window.xbegin));
+            const ip::Image result = ip::invertChannel(source, name);
+            ASSERT_EQ(result.buffer.roi(), source.buffer.roi());
+            for (OIIO::ImageBuf::ConstIterator<float> in(source.buffer); !in.done(); ++in) {
+                for (int c = 0; c < 4; ++c) {
+                    const float expected = c == channel ? 1.0f - in[c] : in[c];
+                    EXPECT_EQ(at(result, in.x(), in.y(), c), expected) << in.x() << "," << in.y();
+                }
+            }
+            EXPECT_EQ(result.properties, kProperties);
+        }
+        EXPECT_TRUE(sameImage(source.buffer, before.buffer));
+    }
+    expectNoWarnings();
+
+    ip::Image twins = imageOf(1, 1, 2, {0.25f, 0.25f});
+    twins.buffer.specmod().channelnames = {"Z", "Z"};
+    const ip::Image first = ip::invertChannel(twins, "Z");
+    EXPECT_EQ(at(first, 0, 0, 0), 0.75f);
+    EXPECT_EQ(at(first, 0, 0, 1), 0.25f);
+
+    expectFailure(ip::invertChannel(makeGradient(1, 1, 4), "r"), "Given channel 'r' doesn't exist");
+    expectFailure(ip::invertChannel(ip::Image(), "R"), "Given channel 'R' doesn't exist");
+}
+
 }  // namespace

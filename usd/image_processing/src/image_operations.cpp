@@ -3,6 +3,7 @@
 
 #include <vorel/usd/image_processing/image_processing.h>
 
+#include <algorithm>
 #include <utility>
 
 #include <OpenImageIO/imagebufalgo.h>
@@ -256,6 +257,47 @@ Image colorConvert(const Image& image, const std::string& fromSpace, const std::
 // ---------------------------------------------------------------------------------------------
 // Channel operations
 // ---------------------------------------------------------------------------------------------
+
+Image shuffle(const Image& image, int channelCount, OIIO::span<const int> channelOrder) {
+    return valueResult(IBA::channels(image.buffer, channelCount, channelOrder,
+                                     /*channelvalues=*/{}, /*newchannelnames=*/{},
+                                     /*shuffle_channel_names=*/false, /*nthreads=*/0),
+                       &image, "Shuffle operation failed:\n{}");
+}
+
+Image channelAppend(const Image& first, const Image& second, const OIIO::ROI& roi) {
+    return valueResult(IBA::channel_append(first.buffer, second.buffer, roi, /*nthreads=*/0),
+                       &first, "Channel append operation failed:\n{}");
+}
+
+Image invert(const Image& image, const OIIO::ROI& roi) {
+    return valueResult(OIIO::ImageBufAlgo::invert(image.buffer, roi, /*nthreads=*/0), &image,
+                       "Invert operation failed:\n{}");
+}
+
+Image invertChannel(const Image& image, std::string channelName) {
+    OIIO::ImageBuf buf(image.buffer);
+    OIIO::ROI roi = buf.roi();
+    const std::vector<std::string>& names = buf.spec().channelnames;
+    const auto found = std::find(names.begin(), names.end(), channelName);
+    if (found == names.end()) {
+        VOREL_LOG(err, "Given channel '{}' doesn't exist", channelName);
+        return Image{};
+    }
+    roi.chbegin = static_cast<int>(found - names.begin());
+    roi.chend = roi.chbegin + 1;
+
+    OIIO::ImageBuf inverted = OIIO::ImageBufAlgo::invert(buf, roi, /*nthreads=*/0);
+    if (!inPlaceResult(inverted.has_error(), inverted, "Invert operation failed:\n{}")) {
+        return Image{};
+    }
+    // paste (OpenImageIO 2.4.7) adds srcroi's start to these, so 0s put `roi` back on itself.
+    const bool pasted = IBA::paste(buf, 0, 0, 0, 0, inverted, roi, /*nthreads=*/0);
+    if (!inPlaceResult(!pasted, buf, "Past operation failed:\n{}")) {
+        return Image{};
+    }
+    return resultImage(std::move(buf), &image);
+}
 
 // ---------------------------------------------------------------------------------------------
 // Normalisation

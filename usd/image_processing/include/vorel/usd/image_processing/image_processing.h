@@ -213,6 +213,28 @@ VOREL_USD_IMAGE_PROCESSING_API Image colorConvert(const Image& image, const std:
 // Channel operations
 // ---------------------------------------------------------------------------------------------
 
+/// A new image of `channelCount` channels; channel i is `image`'s channel `channelOrder[i]`
+/// (a negative index gives 0). Failure: the empty Image and, at err,
+/// "Shuffle operation failed:\n{OpenImageIO's text}".
+VOREL_USD_IMAGE_PROCESSING_API Image shuffle(const Image& image, int channelCount,
+                                             OIIO::span<const int> channelOrder);
+
+/// The channels of `first` followed by those of `second`, over `roi` (the union of both for the
+/// default ROI); carries `first`'s properties only. Failure: the empty Image and, at err,
+/// "Channel append operation failed:\n{OpenImageIO's text}".
+VOREL_USD_IMAGE_PROCESSING_API Image channelAppend(const Image& first, const Image& second,
+                                                   const OIIO::ROI& roi = OIIO::ROI());
+
+/// 1 - v for every sample within `roi`, alpha included for the default ROI. Failure: the empty
+/// Image and, at err, "Invert operation failed:\n{OpenImageIO's text}".
+VOREL_USD_IMAGE_PROCESSING_API Image invert(const Image& image, const OIIO::ROI& roi = OIIO::ROI());
+
+/// `image` with the first channel named exactly `channelName` (case-sensitive) inverted and
+/// every other channel as it was. Returns the empty Image and logs at err
+/// "Given channel '{channelName}' doesn't exist" when there is no such channel, or
+/// "Invert operation failed:\n{text}" / "Past operation failed:\n{text}" when OpenImageIO fails.
+VOREL_USD_IMAGE_PROCESSING_API Image invertChannel(const Image& image, std::string channelName);
+
 // ---------------------------------------------------------------------------------------------
 // Normalisation
 // ---------------------------------------------------------------------------------------------
