@@ -4,9 +4,13 @@
 #include <vorel/usd/image_processing/image_processing.h>
 
 #include <algorithm>
+#include <cstdint>
+#include <limits>
 #include <utility>
 
+#include <OpenImageIO/half.h>
 #include <OpenImageIO/imagebufalgo.h>
+#include <fmt/format.h>
 #include <vorel/base/logging.h>
 
 namespace vorel::usd::image_processing {
@@ -302,6 +306,148 @@ Image invertChannel(const Image& image, std::string channelName) {
 // ---------------------------------------------------------------------------------------------
 // Normalisation
 // ---------------------------------------------------------------------------------------------
+
+namespace {
+
+/// The linear map of the chosen channels from [min, max] onto [targetMin, targetMax].
+struct Remap {
+    std::vector<int> selection;
+    float min = std::numeric_limits<float>::infinity();  // an empty range until widened
+    float max = -std::numeric_limits<float>::infinity();
+    float targetMin = 0.0f;
+    float targetMax = 0.0f;
+
+    void widen(float low, float high) {
+        min = std::min(min, low);
+        max = std::max(max, high);
+    }
+
+    bool selects(int channel) const {
+        return std::find(selection.begin(), selection.end(), channel) != selection.end();
+    }
+
+    /// Single precision, multiplication before division, so results match to the bit.
+    float operator()(float v) const {
+        const float a = v - min;
+        const float b = targetMax - targetMin;
+        const float c = a * b;
+        const float d = max - min;
+        const float e = c / d;
+        return e + targetMin;
+    }
+
+    /// Remaps one pixel into `result`: `sample(c)` gives channel c as a float. Unselected
+    /// channels are carried across (through float, as setpixel takes them).
+    template <typename Sample>
+    void writePixel(OIIO::ImageBuf& result, int x, int y, int nchannels, Sample&& sample) const {
+        std::vector<float> pixel(nchannels, 0.0f);
+        for (int c = 0; c < nchannels; ++c) {
+            const float v = sample(c);
+            pixel[c] = selects(c) ? (*this)(v) : v;
+        }
+        result.setpixel(x, y, 0, pixel.data(), nchannels);
+    }
+};
+
+/// Scalar UINT32 images: the raw integers (through getPixelUIntValue), rounded to float.
+void normalizeIntegers(const Image& image, OIIO::ImageBuf& result, Remap& remap) {
+    const OIIO::ImageSpec& spec = image.buffer.spec();
+    for (const int channel : remap.selection) {
+        for (int y = 0; y < spec.height; ++y) {
+            for (int x = 0; x < spec.width; ++x) {
+                const auto v = static_cast<float>(getPixelUIntValue(image, x, y, 0, channel));
+                remap.widen(v, v);
+            }
+        }
+    }
+    VOREL_LOG(debug, "Normalizing int buffer with min : {} max : {}", remap.min, remap.max);
+    for (int y = 0; y < spec.height; ++y) {
+        for (int x = 0; x < spec.width; ++x) {
+            remap.writePixel(result, x, y, spec.nchannels, [&](int c) {
+                return static_cast<float>(getPixelUIntValue(image, x, y, 0, c));
+            });
+        }
+    }
+}
+
+/// Walks the pixels as stored (`Stored`), converted to float on OpenImageIO's scale: integer
+/// types as 0..1, the scale computePixelStats reports them on. ConstIterator<float> alone would
+/// reinterpret the bytes of any other type as floats.
+template <typename Stored>
+void remapStoredPixels(const OIIO::ImageBuf& source, OIIO::ImageBuf& result, const Remap& remap) {
+    for (OIIO::ImageBuf::ConstIterator<Stored, float> it(source); !it.done(); ++it) {
+        remap.writePixel(result, it.x(), it.y(), source.nchannels(),
+                         [&it](int c) { return it[c]; });
+    }
+}
+
+void remapPixels(const OIIO::ImageBuf& source, OIIO::ImageBuf& result, const Remap& remap) {
+    switch (source.pixeltype().basetype) {
+        case OIIO::TypeDesc::UINT8:
+            return remapStoredPixels<std::uint8_t>(source, result, remap);
+        case OIIO::TypeDesc::INT8:
+            return remapStoredPixels<std::int8_t>(source, result, remap);
+        case OIIO::TypeDesc::UINT16:
+            return remapStoredPixels<std::uint16_t>(source, result, remap);
+        case OIIO::TypeDesc::INT16:
+            return remapStoredPixels<std::int16_t>(source, result, remap);
+        case OIIO::TypeDesc::UINT32:
+            return remapStoredPixels<std::uint32_t>(source, result, remap);
+        case OIIO::TypeDesc::INT32:
+            return remapStoredPixels<std::int32_t>(source, result, remap);
+        case OIIO::TypeDesc::UINT64:
+            return remapStoredPixels<std::uint64_t>(source, result, remap);
+        case OIIO::TypeDesc::INT64:
+            return remapStoredPixels<std::int64_t>(source, result, remap);
+        case OIIO::TypeDesc::HALF:
+            return remapStoredPixels<half>(source, result, remap);
+        case OIIO::TypeDesc::DOUBLE:
+            return remapStoredPixels<double>(source, result, remap);
+        default:  // FLOAT
+            return remapStoredPixels<float>(source, result, remap);
+    }
+}
+
+/// Every other pixel type: the range from computePixelStats, then a walk over the pixels.
+void normalizeFloats(const Image& image, OIIO::ImageBuf& result, Remap& remap) {
+    const OIIO::ImageBufAlgo::PixelStats stats =
+        IBA::computePixelStats(image.buffer, OIIO::ROI(), /*nthreads=*/0);
+    for (const int channel : remap.selection) {
+        remap.widen(stats.min[channel], stats.max[channel]);
+    }
+    VOREL_LOG(debug, "Normalizing float buffer with min : {} max : {}", remap.min, remap.max);
+    remapPixels(image.buffer, result, remap);
+}
+
+}  // namespace
+
+Image normalize(const Image& image, float targetMin, float targetMax,
+                const std::vector<std::string>& channelNames) {
+    const OIIO::ImageSpec spec = image.buffer.spec();
+    static const std::vector<std::string> defaultChannelNames{"R", "G", "B"};
+    OIIO::ImageBuf result(spec, OIIO::InitializePixels::Yes);
+
+    Remap remap;
+    remap.targetMin = targetMin;
+    remap.targetMax = targetMax;
+    for (const std::string& name : channelNames.empty() ? defaultChannelNames : channelNames) {
+        const int index = spec.channelindex(name);
+        if (index < 0 || index >= spec.nchannels) {
+            VOREL_LOG(err,
+                      "Normalize fails: Channel index out of range:\n{}, present channels : [{}]",
+                      name, fmt::join(spec.channelnames, ", "));
+            return Image{};
+        }
+        remap.selection.push_back(index);
+    }
+
+    if (isScalarUInt32(image.buffer.pixeltype())) {
+        normalizeIntegers(image, result, remap);
+    } else {
+        normalizeFloats(image, result, remap);
+    }
+    return resultImage(std::move(result), &image);
+}
 
 // ---------------------------------------------------------------------------------------------
 // ID images

@@ -239,6 +239,18 @@ VOREL_USD_IMAGE_PROCESSING_API Image invertChannel(const Image& image, std::stri
 // Normalisation
 // ---------------------------------------------------------------------------------------------
 
+/// Remaps the channels named in `channelNames` ("R", "G", "B" when empty) linearly, with one
+/// range over all of them, so that their smallest sample becomes `targetMin` and their largest
+/// `targetMax`; other channels are carried across. Nothing is clamped, and if all chosen samples
+/// are equal they become NaN. Samples are read on OpenImageIO's float scale (integer types as
+/// 0..1), except scalar UINT32 images, whose raw integers are used; results are stored as
+/// ImageBuf::setpixel converts floats to the (unchanged) pixel type. Logs the range at debug.
+/// Returns the empty Image and logs at err
+/// "Normalize fails: Channel index out of range:\n{name}, present channels : [{names}]" when a
+/// name isn't a channel of `image`.
+VOREL_USD_IMAGE_PROCESSING_API Image normalize(const Image& image, float targetMin, float targetMax,
+                                               const std::vector<std::string>& channelNames = {});
+
 // ---------------------------------------------------------------------------------------------
 // ID images
 // ---------------------------------------------------------------------------------------------
