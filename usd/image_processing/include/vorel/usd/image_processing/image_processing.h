@@ -237,9 +237,69 @@ VOREL_USD_IMAGE_PROCESSING_API bool addMetadataToImage(Image& image, const Metad
 // Geometric operations
 // ---------------------------------------------------------------------------------------------
 
+// Every value operation below returns a new Image with a copy of its (first) source's
+// `properties`; `roi` is handed to OpenImageIO as given (a default ROI means the whole image).
+// On failure it returns the empty Image and logs one err line ending in OpenImageIO's text.
+
+/// The region `roi` of `image`, with its origin moved to (0, 0). Failure is logged as
+/// "Crop operation failed:\n{OpenImageIO's text}".
+VOREL_USD_IMAGE_PROCESSING_API Image cut(const Image& image, const OIIO::ROI& roi);
+
+/// `image` scaled into `roi` with its aspect ratio kept, letterboxed into the rest of the region,
+/// with OpenImageIO's default filter. Failure: "Fit operation failed:\n{OpenImageIO's text}".
+VOREL_USD_IMAGE_PROCESSING_API Image fit(const Image& image, const OIIO::ROI& roi);
+
+/// `image` resampled to the size of `roi` with OpenImageIO's default filter. Failure (such as a
+/// 0 x 0 region): "Resize operation failed:\n{OpenImageIO's text}".
+VOREL_USD_IMAGE_PROCESSING_API Image resize(const Image& image, const OIIO::ROI& roi);
+
+/// `image` rotated by `angle` radians about the centre of its display window. With
+/// `recomputeRoi` the result's extent grows to hold the whole rotated image; without it, it
+/// keeps the source's. Failure: "Rotate operation failed:\n{OpenImageIO's text}".
+VOREL_USD_IMAGE_PROCESSING_API Image rotate(const Image& image, float angle, bool recomputeRoi);
+
+/// Writes the region `roi` of `src` (all of it for the default ROI) into `dst` at column `x`,
+/// row `y`, in place; an empty `dst` is allocated. `dst.properties` are left alone. Returns
+/// false on failure, with `dst` as OpenImageIO left it, and logs at err
+/// "Paste operation failed:\n{OpenImageIO's text}". On OpenImageIO 2.4.7 a region that does not
+/// start at (0, 0) lands further by that start: pass regions starting at (0, 0).
+VOREL_USD_IMAGE_PROCESSING_API bool paste(Image& dst, int x, int y, const Image& src,
+                                          const OIIO::ROI& roi = OIIO::ROI());
+
 // ---------------------------------------------------------------------------------------------
 // Compositing and alpha
 // ---------------------------------------------------------------------------------------------
+
+/// `foreground` composited over `background` within `roi` (both need an alpha channel). The
+/// result carries `foreground`'s properties. Failure: the empty Image and, at err,
+/// "Over compositing failed:\n{OpenImageIO's text}".
+VOREL_USD_IMAGE_PROCESSING_API Image over(const Image& foreground, const Image& background,
+                                          const OIIO::ROI& roi = OIIO::ROI());
+
+/// A new image covering `roi` (extent and channels) filled with `color`, which must hold one
+/// value per channel of `roi`. No colour-space tag, no properties. Failure (such as the default
+/// ROI): the empty Image and, at err, "Create solid operation failed:\n{OpenImageIO's text}".
+VOREL_USD_IMAGE_PROCESSING_API Image createSolidColorImage(const std::vector<float>& color,
+                                                           const OIIO::ROI& roi);
+
+/// Flattens an RGBA `image` over a solid `backgroundColor` (four values, R, G, B, A) on the
+/// region from pixel (0, 0) of its size, channels 0 to 4. `image` is replaced by the composite;
+/// when that fails, `image` becomes the empty Image (properties included) and the err lines of
+/// createSolidColorImage and over are the only report.
+VOREL_USD_IMAGE_PROCESSING_API void compositeOverBackgroundColor(
+    Image& image, const std::vector<float>& backgroundColor);
+
+/// `image` premultiplied, unpremultiplied or repremultiplied by its alpha, as `mode` says. A
+/// `mode` other than the three enumerators logs "Invalid PreMultMode" at err; an OpenImageIO
+/// failure logs "Premultiply operation failed:\n{OpenImageIO's text}"; both give the empty Image.
+VOREL_USD_IMAGE_PROCESSING_API Image preMultiply(const Image& image, PreMultMode mode);
+
+/// Gives a three-channel image without alpha a fourth channel "A" holding `alpha`, in place.
+/// Returns false, and leaves `image` as it was, silently when the image already has an alpha
+/// channel, and with a warn line "Couldn't add alpha channel to image with {n} channels" when it
+/// doesn't have exactly 3 channels. An OpenImageIO failure logs at err
+/// "Adding of alpha channel failed:\n{OpenImageIO's text}" and returns false.
+VOREL_USD_IMAGE_PROCESSING_API bool addAlphaChannel(Image& image, float alpha);
 
 // ---------------------------------------------------------------------------------------------
 // Colour conversion
@@ -257,9 +317,43 @@ VOREL_USD_IMAGE_PROCESSING_API Image colorConvert(const Image& image, const std:
 // Channel operations
 // ---------------------------------------------------------------------------------------------
 
+/// A new image of `channelCount` channels; channel i is `image`'s channel `channelOrder[i]`
+/// (a negative index gives 0). Failure: the empty Image and, at err,
+/// "Shuffle operation failed:\n{OpenImageIO's text}".
+VOREL_USD_IMAGE_PROCESSING_API Image shuffle(const Image& image, int channelCount,
+                                             OIIO::span<const int> channelOrder);
+
+/// The channels of `first` followed by those of `second`, over `roi` (the union of both for the
+/// default ROI); carries `first`'s properties only. Failure: the empty Image and, at err,
+/// "Channel append operation failed:\n{OpenImageIO's text}".
+VOREL_USD_IMAGE_PROCESSING_API Image channelAppend(const Image& first, const Image& second,
+                                                   const OIIO::ROI& roi = OIIO::ROI());
+
+/// 1 - v for every sample within `roi`, alpha included for the default ROI. Failure: the empty
+/// Image and, at err, "Invert operation failed:\n{OpenImageIO's text}".
+VOREL_USD_IMAGE_PROCESSING_API Image invert(const Image& image, const OIIO::ROI& roi = OIIO::ROI());
+
+/// `image` with the first channel named exactly `channelName` (case-sensitive) inverted and
+/// every other channel as it was. Returns the empty Image and logs at err
+/// "Given channel '{channelName}' doesn't exist" when there is no such channel, or
+/// "Invert operation failed:\n{text}" / "Past operation failed:\n{text}" when OpenImageIO fails.
+VOREL_USD_IMAGE_PROCESSING_API Image invertChannel(const Image& image, std::string channelName);
+
 // ---------------------------------------------------------------------------------------------
 // Normalisation
 // ---------------------------------------------------------------------------------------------
+
+/// Remaps the channels named in `channelNames` ("R", "G", "B" when empty) linearly, with one
+/// range over all of them, so that their smallest sample becomes `targetMin` and their largest
+/// `targetMax`; other channels are carried across. Nothing is clamped, and if all chosen samples
+/// are equal they become NaN. Samples are read on OpenImageIO's float scale (integer types as
+/// 0..1), except scalar UINT32 images, whose raw integers are used; results are stored as
+/// ImageBuf::setpixel converts floats to the (unchanged) pixel type. Logs the range at debug.
+/// Returns the empty Image and logs at err
+/// "Normalize fails: Channel index out of range:\n{name}, present channels : [{names}]" when a
+/// name isn't a channel of `image`.
+VOREL_USD_IMAGE_PROCESSING_API Image normalize(const Image& image, float targetMin, float targetMax,
+                                               const std::vector<std::string>& channelNames = {});
 
 // ---------------------------------------------------------------------------------------------
 // ID images
