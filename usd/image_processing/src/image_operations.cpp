@@ -3,10 +3,17 @@
 
 #include <vorel/usd/image_processing/image_processing.h>
 
+#include <algorithm>
+#include <cstdint>
+#include <limits>
 #include <utility>
 
+#include <OpenImageIO/half.h>
 #include <OpenImageIO/imagebufalgo.h>
+#include <fmt/format.h>
 #include <vorel/base/logging.h>
+
+#include "pixel_types.h"
 
 namespace vorel::usd::image_processing {
 
@@ -54,6 +61,16 @@ namespace {
 
 using FailureMessage = spdlog::format_string_t<std::string>;
 
+/// A new Image taking `pixels` by move, with a copy of `source`'s properties (none without one).
+Image resultImage(OIIO::ImageBuf&& pixels, const Image* source) {
+    Image image;
+    image.buffer = std::move(pixels);
+    if (source != nullptr) {
+        image.properties = source->properties;
+    }
+    return image;
+}
+
 /// Value frame: `result` is what the value overload of ImageBufAlgo returned. Its has_error()
 /// alone decides. On success its pixels move into the new Image, which carries a copy of the
 /// first source's properties (none when the operation has no source image).
@@ -62,18 +79,12 @@ Image valueResult(OIIO::ImageBuf&& result, const Image* source, FailureMessage f
         VOREL_LOG(err, failureMessage, result.geterror(true));
         return Image{};
     }
-    Image image;
-    image.buffer = std::move(result);
-    if (source != nullptr) {
-        image.properties = source->properties;
-    }
-    return image;
+    return resultImage(std::move(result), source);
 }
 
 /// In-place frame: `failed` is the operation's own test after its call on `buffer`; the error
 /// text is taken from (and thereby cleared on) that same buffer.
-[[maybe_unused]] bool inPlaceResult(bool failed, OIIO::ImageBuf& buffer,
-                                    FailureMessage failureMessage) {
+bool inPlaceResult(bool failed, OIIO::ImageBuf& buffer, FailureMessage failureMessage) {
     if (failed) {
         VOREL_LOG(err, failureMessage, buffer.geterror(true));
         return false;
@@ -82,8 +93,7 @@ Image valueResult(OIIO::ImageBuf&& result, const Image* source, FailureMessage f
 }
 
 bool isScalarUInt32(const OIIO::TypeDesc& type) {
-    return type.basetype == OIIO::TypeDesc::UINT32 && type.aggregate == OIIO::TypeDesc::SCALAR &&
-           !type.is_array();
+    return isScalarOf(type, OIIO::TypeDesc::UINT32);
 }
 
 }  // namespace
@@ -140,9 +150,110 @@ unsigned int getPixelUIntValue(const Image& image, int x, int y, int z, int chan
 // Geometric operations
 // ---------------------------------------------------------------------------------------------
 
+Image cut(const Image& image, const OIIO::ROI& roi) {
+    return valueResult(IBA::cut(image.buffer, roi, /*nthreads=*/0), &image,
+                       "Crop operation failed:\n{}");
+}
+
+Image fit(const Image& image, const OIIO::ROI& roi) {
+    // OpenImageIO deprecates (since 2.3) this overload without a fill mode; it letterboxes, which
+    // is what fit promises, so it is called on purpose and the deprecation is silenced here only.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    return valueResult(IBA::fit(image.buffer, /*filtername=*/"", /*filterwidth=*/0.0f,
+                                /*exact=*/false, roi, /*nthreads=*/0),
+                       &image, "Fit operation failed:\n{}");
+#pragma GCC diagnostic pop
+}
+
+Image resize(const Image& image, const OIIO::ROI& roi) {
+    return valueResult(
+        IBA::resize(image.buffer, /*filtername=*/"", /*filterwidth=*/0.0f, roi, /*nthreads=*/0),
+        &image, "Resize operation failed:\n{}");
+}
+
+Image rotate(const Image& image, float angle, bool recomputeRoi) {
+    return valueResult(IBA::rotate(image.buffer, angle, /*filtername=*/"", /*filterwidth=*/0.0f,
+                                   recomputeRoi, OIIO::ROI(), /*nthreads=*/0),
+                       &image, "Rotate operation failed:\n{}");
+}
+
+bool paste(Image& dst, int x, int y, const Image& src, const OIIO::ROI& roi) {
+    const bool pasted = IBA::paste(dst.buffer, x, y, /*zbegin=*/0, /*chbegin=*/0, src.buffer, roi,
+                                   /*nthreads=*/0);
+    return inPlaceResult(!pasted, dst.buffer, "Paste operation failed:\n{}");
+}
+
 // ---------------------------------------------------------------------------------------------
 // Compositing and alpha
 // ---------------------------------------------------------------------------------------------
+
+Image over(const Image& foreground, const Image& background, const OIIO::ROI& roi) {
+    return valueResult(IBA::over(foreground.buffer, background.buffer, roi, /*nthreads=*/0),
+                       &foreground, "Over compositing failed:\n{}");
+}
+
+Image createSolidColorImage(const std::vector<float>& color, const OIIO::ROI& roi) {
+    return valueResult(IBA::fill(color, roi, /*nthreads=*/0), /*source=*/nullptr,
+                       "Create solid operation failed:\n{}");
+}
+
+void compositeOverBackgroundColor(Image& image, const std::vector<float>& backgroundColor) {
+    const OIIO::ImageSpec& spec = image.buffer.spec();
+    // Always RGBA from pixel (0, 0), whatever the image's channels or data window.
+    const OIIO::ROI region(0, spec.width, 0, spec.height, 0, 1, 0, 4);
+    const Image background = createSolidColorImage(backgroundColor, region);
+    image = over(image, background, region);
+}
+
+namespace {
+
+using AlphaOperation = OIIO::ImageBuf (*)(const OIIO::ImageBuf&, OIIO::ROI, int);
+
+/// The ImageBufAlgo call that `mode` selects, or nullptr for a value outside the enumeration.
+AlphaOperation alphaOperation(PreMultMode mode) {
+    switch (mode) {
+        case PreMultMode::Premult:
+            return IBA::premult;
+        case PreMultMode::Unpremult:
+            return IBA::unpremult;
+        case PreMultMode::Repremult:
+            return IBA::repremult;
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+Image preMultiply(const Image& image, PreMultMode mode) {
+    const AlphaOperation operation = alphaOperation(mode);
+    if (operation == nullptr) {
+        VOREL_LOG(err, "Invalid PreMultMode");
+        return Image{};
+    }
+    return valueResult(operation(image.buffer, OIIO::ROI(), /*nthreads=*/0), &image,
+                       "Premultiply operation failed:\n{}");
+}
+
+bool addAlphaChannel(Image& image, float alpha) {
+    const int alphaChannel = image.buffer.spec().alpha_channel;
+    const int channelCount = image.buffer.spec().nchannels;
+    if (alphaChannel != -1) {
+        return false;
+    }
+    if (channelCount != 3) {
+        VOREL_LOG(warn, "Couldn't add alpha channel to image with {} channels", channelCount);
+        return false;
+    }
+    // R, G and B stay (names included); the fourth channel, "A", takes its value from `alpha`.
+    const int channelOrder[] = {0, 1, 2, -1};
+    const float channelValues[] = {0.0f, 0.0f, 0.0f, alpha};
+    const std::string channelNames[] = {"", "", "", "A"};
+    IBA::channels(image.buffer, image.buffer, 4, channelOrder, channelValues, channelNames,
+                  /*shuffle_channel_names=*/false, /*nthreads=*/0);
+    return inPlaceResult(image.buffer.has_error(), image.buffer,
+                         "Adding of alpha channel failed:\n{}");
+}
 
 // ---------------------------------------------------------------------------------------------
 // Colour conversion
@@ -159,12 +270,227 @@ Image colorConvert(const Image& image, const std::string& fromSpace, const std::
 // Channel operations
 // ---------------------------------------------------------------------------------------------
 
+Image shuffle(const Image& image, int channelCount, OIIO::span<const int> channelOrder) {
+    return valueResult(IBA::channels(image.buffer, channelCount, channelOrder,
+                                     /*channelvalues=*/{}, /*newchannelnames=*/{},
+                                     /*shuffle_channel_names=*/false, /*nthreads=*/0),
+                       &image, "Shuffle operation failed:\n{}");
+}
+
+Image channelAppend(const Image& first, const Image& second, const OIIO::ROI& roi) {
+    return valueResult(IBA::channel_append(first.buffer, second.buffer, roi, /*nthreads=*/0),
+                       &first, "Channel append operation failed:\n{}");
+}
+
+Image invert(const Image& image, const OIIO::ROI& roi) {
+    return valueResult(OIIO::ImageBufAlgo::invert(image.buffer, roi, /*nthreads=*/0), &image,
+                       "Invert operation failed:\n{}");
+}
+
+Image invertChannel(const Image& image, std::string channelName) {
+    OIIO::ImageBuf buf(image.buffer);
+    OIIO::ROI roi = buf.roi();
+    const std::vector<std::string>& names = buf.spec().channelnames;
+    const auto found = std::find(names.begin(), names.end(), channelName);
+    if (found == names.end()) {
+        VOREL_LOG(err, "Given channel '{}' doesn't exist", channelName);
+        return Image{};
+    }
+    roi.chbegin = static_cast<int>(found - names.begin());
+    roi.chend = roi.chbegin + 1;
+
+    OIIO::ImageBuf inverted = OIIO::ImageBufAlgo::invert(buf, roi, /*nthreads=*/0);
+    if (!inPlaceResult(inverted.has_error(), inverted, "Invert operation failed:\n{}")) {
+        return Image{};
+    }
+    // paste (OpenImageIO 2.4.7) adds srcroi's start to these, so 0s put `roi` back on itself.
+    const bool pasted = IBA::paste(buf, 0, 0, 0, 0, inverted, roi, /*nthreads=*/0);
+    if (!inPlaceResult(!pasted, buf, "Past operation failed:\n{}")) {
+        return Image{};
+    }
+    return resultImage(std::move(buf), &image);
+}
+
 // ---------------------------------------------------------------------------------------------
 // Normalisation
 // ---------------------------------------------------------------------------------------------
 
+namespace {
+
+/// The linear map of the chosen channels from [min, max] onto [targetMin, targetMax].
+struct Remap {
+    std::vector<int> selection;
+    float min = std::numeric_limits<float>::infinity();  // an empty range until widened
+    float max = -std::numeric_limits<float>::infinity();
+    float targetMin = 0.0f;
+    float targetMax = 0.0f;
+
+    void widen(float low, float high) {
+        min = std::min(min, low);
+        max = std::max(max, high);
+    }
+
+    bool selects(int channel) const {
+        return std::find(selection.begin(), selection.end(), channel) != selection.end();
+    }
+
+    /// Single precision, multiplication before division, so results match to the bit.
+    float operator()(float v) const {
+        const float a = v - min;
+        const float b = targetMax - targetMin;
+        const float c = a * b;
+        const float d = max - min;
+        const float e = c / d;
+        return e + targetMin;
+    }
+
+    /// Remaps one pixel into `result`: `sample(c)` gives channel c as a float. Unselected
+    /// channels are carried across (through float, as setpixel takes them).
+    template <typename Sample>
+    void writePixel(OIIO::ImageBuf& result, int x, int y, int nchannels, Sample&& sample) const {
+        std::vector<float> pixel(nchannels, 0.0f);
+        for (int c = 0; c < nchannels; ++c) {
+            const float v = sample(c);
+            pixel[c] = selects(c) ? (*this)(v) : v;
+        }
+        result.setpixel(x, y, 0, pixel.data(), nchannels);
+    }
+};
+
+/// Scalar UINT32 images: the raw integers (through getPixelUIntValue), rounded to float.
+void normalizeIntegers(const Image& image, OIIO::ImageBuf& result, Remap& remap) {
+    const OIIO::ImageSpec& spec = image.buffer.spec();
+    for (const int channel : remap.selection) {
+        for (int y = 0; y < spec.height; ++y) {
+            for (int x = 0; x < spec.width; ++x) {
+                const auto v = static_cast<float>(getPixelUIntValue(image, x, y, 0, channel));
+                remap.widen(v, v);
+            }
+        }
+    }
+    VOREL_LOG(debug, "Normalizing int buffer with min : {} max : {}", remap.min, remap.max);
+    for (int y = 0; y < spec.height; ++y) {
+        for (int x = 0; x < spec.width; ++x) {
+            remap.writePixel(result, x, y, spec.nchannels, [&](int c) {
+                return static_cast<float>(getPixelUIntValue(image, x, y, 0, c));
+            });
+        }
+    }
+}
+
+/// Walks the pixels as stored (`Stored`), converted to float on OpenImageIO's scale: integer
+/// types as 0..1, the scale computePixelStats reports them on. ConstIterator<float> alone would
+/// reinterpret the bytes of any other type as floats.
+template <typename Stored>
+void remapStoredPixels(const OIIO::ImageBuf& source, OIIO::ImageBuf& result, const Remap& remap) {
+    for (OIIO::ImageBuf::ConstIterator<Stored, float> it(source); !it.done(); ++it) {
+        remap.writePixel(result, it.x(), it.y(), source.nchannels(),
+                         [&it](int c) { return it[c]; });
+    }
+}
+
+void remapPixels(const OIIO::ImageBuf& source, OIIO::ImageBuf& result, const Remap& remap) {
+    switch (source.pixeltype().basetype) {
+        case OIIO::TypeDesc::UINT8:
+            return remapStoredPixels<std::uint8_t>(source, result, remap);
+        case OIIO::TypeDesc::INT8:
+            return remapStoredPixels<std::int8_t>(source, result, remap);
+        case OIIO::TypeDesc::UINT16:
+            return remapStoredPixels<std::uint16_t>(source, result, remap);
+        case OIIO::TypeDesc::INT16:
+            return remapStoredPixels<std::int16_t>(source, result, remap);
+        case OIIO::TypeDesc::UINT32:
+            return remapStoredPixels<std::uint32_t>(source, result, remap);
+        case OIIO::TypeDesc::INT32:
+            return remapStoredPixels<std::int32_t>(source, result, remap);
+        case OIIO::TypeDesc::UINT64:
+            return remapStoredPixels<std::uint64_t>(source, result, remap);
+        case OIIO::TypeDesc::INT64:
+            return remapStoredPixels<std::int64_t>(source, result, remap);
+        case OIIO::TypeDesc::HALF:
+            return remapStoredPixels<half>(source, result, remap);
+        case OIIO::TypeDesc::DOUBLE:
+            return remapStoredPixels<double>(source, result, remap);
+        default:  // FLOAT
+            return remapStoredPixels<float>(source, result, remap);
+    }
+}
+
+/// Every other pixel type: the range from computePixelStats, then a walk over the pixels.
+void normalizeFloats(const Image& image, OIIO::ImageBuf& result, Remap& remap) {
+    const OIIO::ImageBufAlgo::PixelStats stats =
+        IBA::computePixelStats(image.buffer, OIIO::ROI(), /*nthreads=*/0);
+    for (const int channel : remap.selection) {
+        remap.widen(stats.min[channel], stats.max[channel]);
+    }
+    VOREL_LOG(debug, "Normalizing float buffer with min : {} max : {}", remap.min, remap.max);
+    remapPixels(image.buffer, result, remap);
+}
+
+}  // namespace
+
+Image normalize(const Image& image, float targetMin, float targetMax,
+                const std::vector<std::string>& channelNames) {
+    const OIIO::ImageSpec spec = image.buffer.spec();
+    static const std::vector<std::string> defaultChannelNames{"R", "G", "B"};
+    OIIO::ImageBuf result(spec, OIIO::InitializePixels::Yes);
+
+    Remap remap;
+    remap.targetMin = targetMin;
+    remap.targetMax = targetMax;
+    for (const std::string& name : channelNames.empty() ? defaultChannelNames : channelNames) {
+        const int index = spec.channelindex(name);
+        if (index < 0 || index >= spec.nchannels) {
+            VOREL_LOG(err,
+                      "Normalize fails: Channel index out of range:\n{}, present channels : [{}]",
+                      name, fmt::join(spec.channelnames, ", "));
+            return Image{};
+        }
+        remap.selection.push_back(index);
+    }
+
+    if (isScalarUInt32(image.buffer.pixeltype())) {
+        normalizeIntegers(image, result, remap);
+    } else {
+        normalizeFloats(image, result, remap);
+    }
+    return resultImage(std::move(result), &image);
+}
+
 // ---------------------------------------------------------------------------------------------
 // ID images
 // ---------------------------------------------------------------------------------------------
+
+void idImageToMask(Image& image) {
+    VOREL_LOG(debug, "idImageToMask");
+    OIIO::ImageSpec& spec = image.buffer.specmod();
+    if (spec.nchannels != 1 || !isScalarOf(spec.format, OIIO::TypeDesc::INT32)) {
+        VOREL_LOG(err, "Unexpected format for idImage");
+        return;
+    }
+    const std::int32_t* const ids = static_cast<const std::int32_t*>(image.buffer.localpixels());
+    if (ids == nullptr) {
+        VOREL_LOG(err, "Can't modify image with non-local pixels");
+        return;
+    }
+    constexpr int kMaskChannels = 4;
+    const OIIO::ImageSpec maskSpec(spec.width, spec.height, kMaskChannels,
+                                   OIIO::TypeDesc(OIIO::TypeDesc::UINT8, OIIO::TypeDesc::SCALAR,
+                                                  OIIO::TypeDesc::NOSEMANTICS, 0));
+    OIIO::ImageBuf mask(maskSpec, OIIO::InitializePixels::No);
+    std::uint8_t* const rgba = static_cast<std::uint8_t*>(mask.localpixels());
+    const int pixelCount = spec.width * spec.height;
+    for (int i = 0; i < pixelCount; ++i) {
+        const std::uint8_t value = ids[i] < 0 ? 0 : 255;
+        std::fill_n(rgba + i * kMaskChannels, kMaskChannels, value);
+    }
+    // A 2 x 2 window (height -1 repeats the width), not dilate's default of 3: every identified
+    // pixel also sets its right, lower and lower-right neighbours, a margin of one pixel.
+    const OIIO::ImageBuf dilated =
+        IBA::dilate(mask, /*width=*/2, /*height=*/-1, OIIO::ROI(), /*nthreads=*/0);
+    // Spec and pixels of the mask replace ours; copying from a local buffer in its own type
+    // leaves copy nothing to fail on that we could act on, so its result isn't looked at.
+    image.buffer.copy(dilated, OIIO::TypeUnknown);
+}
 
 }  // namespace vorel::usd::image_processing

@@ -11,12 +11,15 @@
 #include <filesystem>
 #include <map>
 #include <string>
+#include <unordered_map>
+#include <variant>
 #include <vector>
 
 #include <OpenImageIO/imagebuf.h>
 #include <OpenImageIO/imageio.h>
 #include <OpenImageIO/span.h>
 #include <OpenImageIO/typedesc.h>
+#include <pxr/imaging/hgi/types.h>
 
 #if defined(_WIN32)
 #if defined(VOREL_USD_IMAGE_PROCESSING_BUILDING)
@@ -117,25 +120,186 @@ VOREL_USD_IMAGE_PROCESSING_API Image createImageFromData(void* data, int width, 
 // Asset images through Hio and the Hgi format vocabulary
 // ---------------------------------------------------------------------------------------------
 
+/// Loads the image that a USD scene names by `assetPath` through OpenUSD's Hio image layer
+/// (not OpenImageIO's readers), in the format the file itself delivers, and tags it "sRGB" when
+/// Hio reports that colour space; any other image has no tag ("linear" is never set). The
+/// samples are always UINT8 with one channel per byte of a Hio pixel: an 8-bit RGBA file gives
+/// 4 channels, a float RGBA file 16 channels holding each pixel's raw bytes. On failure returns
+/// the empty Image and logs at err "Failed to open image {assetPath}" (Hio can't open it) or
+/// "Reading of image {assetPath} failed" (Hio can't decode it).
+VOREL_USD_IMAGE_PROCESSING_API Image getImageFromAssetPath(const std::string& assetPath);
+
+/// Channels of an HgiFormat pixel: 1 to 4 for HgiFormatUNorm8 (0) to HgiFormatUNorm8Vec4srgb
+/// (26). Any other value (HgiFormatInvalid, block-compressed, packed and depth formats) returns 0
+/// and logs at err "Unsupported hgiFormat"; test this count before trusting the type below.
+VOREL_USD_IMAGE_PROCESSING_API int getNumChannelsFromHgiFormat(PXR_NS::HgiFormat format);
+
+/// The scalar OpenImageIO type of one channel of an HgiFormat pixel (normalised formats give
+/// plain integer types; sRGB doesn't show). For values outside 0..26 returns FLOAT, which can't
+/// be told from a valid answer, and logs at err "Unsupported hgiFormat".
+VOREL_USD_IMAGE_PROCESSING_API OIIO::TypeDesc getOIIOTypeDescFromHgiFormat(
+    PXR_NS::HgiFormat format);
+
 // ---------------------------------------------------------------------------------------------
 // Supported extensions
 // ---------------------------------------------------------------------------------------------
+
+/// Every file extension that OpenImageIO knows, read from its "extension_list" attribute at each
+/// call: bare (no dot) and in OpenImageIO's case, grouped by format name in ascending byte order
+/// and in OpenImageIO's order within a format. An extension that two formats share appears
+/// twice. To match a path, drop the dot of its extension and settle the case yourself. Never
+/// logs; an empty vector when OpenImageIO gives no list.
+VOREL_USD_IMAGE_PROCESSING_API std::vector<std::string> getSupportedImageExtensions();
 
 // ---------------------------------------------------------------------------------------------
 // Writing: the colour policy by extension and the three writers
 // ---------------------------------------------------------------------------------------------
 
+/// Brings `image` into the colour space that the extension of `path` calls for: ".png", ".jpg",
+/// ".jpeg", ".bmp", ".gif", ".webp" to "sRGB"; ".exr", ".tif", ".tiff" to "linear" (the extension
+/// in any case; only the last one counts; nothing is read or written on disk). Returns true when
+/// a conversion ran and its result replaced `image`, false when `image` was left as it was.
+/// Logs a warn and returns false when the image has no colour-space tag. A conversion logs
+/// "Converted image from '{from}' to '{to}' for extension '{ext}'" at debug (plus a warn for every
+/// conversion to "linear"); no conversion logs "No color conversion needed for extension '{ext}'"
+/// at debug. True means a conversion ran, not that it worked: if colorConvert fails (it logs at
+/// err), `image` becomes the empty Image.
+VOREL_USD_IMAGE_PROCESSING_API bool colorConvertByFormat(Image& image,
+                                                         const std::filesystem::path& path);
+
+/// Writes `image` to `path`; the format follows from the file name. Never converts colour: on
+/// ".jpg", ".jpeg", ".bmp", ".gif", ".webp" a tag other than "sRGB", and on ".exr" a tag other
+/// than "linear", is logged at err and the file is written all the same (a missing tag is a
+/// warn); call colorConvertByFormat first. `compressionLevel` is handed to the PNG writer for
+/// ".png" when it is 0 or more and ignored otherwise (-1 keeps the writer's default). `image` is
+/// not changed. Returns false and logs at err "Couldn't write image {file}:\n{OpenImageIO's text}"
+/// when no writer claims the extension or opening or writing fails (the text may be empty; what
+/// a failed write left on disk stays). On success logs the time taken at debug.
+VOREL_USD_IMAGE_PROCESSING_API bool writeImage(const Image& image,
+                                               const std::filesystem::path& path,
+                                               int compressionLevel = -1);
+
+/// Writes `images` as the subimages of one file, in order, subimage i named `layerNames[i]`
+/// ("oiio:subimagename"); with an ".exr" path a multi-part OpenEXR file, whose parts must all
+/// have the same size (channels and pixel types may differ). Colour tags are not looked at; the
+/// images are not changed. Returns false and logs one err line when the lists differ in length
+/// (no file is touched), when no writer claims the extension ("Couldn't write image
+/// {file}:\n{text}"), or when the writer refuses: "fail to open {text}" (all subimages at once,
+/// also empty lists for a writer that can't take 0 subimages), "fail to open for subimage{text}"
+/// (a further subimage), "fail to write {text}". Subimages written before a failure stay.
+VOREL_USD_IMAGE_PROCESSING_API bool writeMultiPartEXR(const std::vector<std::string>& layerNames,
+                                                      const std::vector<Image>& images,
+                                                      const std::filesystem::path& path);
+
+/// Writes `frames` as an animation (with a ".gif" path, an animated GIF) at `framesPerSecond`,
+/// each frame as 8-bit untiled data; the frames themselves are not changed. For GIF every frame
+/// must have the first frame's size. An empty list writes nothing and returns true. When no
+/// writer claims the extension, returns false and logs at err "Couldn't write image
+/// {file}:\n{text}"; that is the only message. Any other failure (a frame the writer refuses,
+/// such as a GIF frame of another size or channel count, or a second frame for a single-image
+/// format) returns false with nothing logged: the writer's message is left pending on that
+/// frame's `buffer` (read it with `frames[i].buffer.geterror()`), and earlier frames stay written.
+VOREL_USD_IMAGE_PROCESSING_API bool writeAnimatedGif(const std::vector<Image>& frames,
+                                                     const std::filesystem::path& path,
+                                                     float framesPerSecond);
+
 // ---------------------------------------------------------------------------------------------
 // Metadata
 // ---------------------------------------------------------------------------------------------
+
+/// One metadata value. The index of the alternative is its kind: 0 string, 1 int, 2 float,
+/// 3 int array, 4 float array.
+using MetadataValue = std::variant<std::string, int, float, std::vector<int>, std::vector<float>>;
+
+/// Attribute name, exactly as OpenImageIO holds it (prefix included, e.g. "oiio:ColorSpace"), to
+/// its value.
+using MetadataMap = std::unordered_map<std::string, MetadataValue>;
+
+/// One entry for each attribute of the image's OpenImageIO ImageSpec. Fixed fields such as the
+/// size or the channel names are not attributes, and `properties` is not metadata. Strings (a
+/// string array as one rendered string) give std::string; INT32 and FLOAT attributes with an
+/// array length give the vectors; other INT32 and FLOAT attributes give int and float, by
+/// OpenImageIO's get_int and get_float. Any other type (double, half, 8-, 16- and 64-bit integers,
+/// UINT32, ...) still gets its entry, with an empty string, and logs at warn
+/// "Unsupported OIIO metadata value type" once per such attribute. Never fails; the empty Image
+/// gives an empty map.
+VOREL_USD_IMAGE_PROCESSING_API MetadataMap getMetadataFromImage(const Image& image);
+
+/// Writes every entry as an attribute of the image's ImageSpec, replacing an attribute of the
+/// same name whatever its type; "oiio:ColorSpace" thus sets the colour-space tag, without the
+/// warnings of setColorSpace. Only std::string, int and float are written. At the first other
+/// value (a vector, or a variant without a value) logs at err "Unsupported metadata value type"
+/// and returns false: the entries before it in the map's iteration order are written, the
+/// later ones are not tried. True when every entry was written, also for an empty map.
+VOREL_USD_IMAGE_PROCESSING_API bool addMetadataToImage(Image& image, const MetadataMap& metadata);
 
 // ---------------------------------------------------------------------------------------------
 // Geometric operations
 // ---------------------------------------------------------------------------------------------
 
+// Every value operation below returns a new Image with a copy of its (first) source's
+// `properties`; `roi` is handed to OpenImageIO as given (a default ROI means the whole image).
+// On failure it returns the empty Image and logs one err line ending in OpenImageIO's text.
+
+/// The region `roi` of `image`, with its origin moved to (0, 0). Failure is logged as
+/// "Crop operation failed:\n{OpenImageIO's text}".
+VOREL_USD_IMAGE_PROCESSING_API Image cut(const Image& image, const OIIO::ROI& roi);
+
+/// `image` scaled into `roi` with its aspect ratio kept, letterboxed into the rest of the region,
+/// with OpenImageIO's default filter. Failure: "Fit operation failed:\n{OpenImageIO's text}".
+VOREL_USD_IMAGE_PROCESSING_API Image fit(const Image& image, const OIIO::ROI& roi);
+
+/// `image` resampled to the size of `roi` with OpenImageIO's default filter. Failure (such as a
+/// 0 x 0 region): "Resize operation failed:\n{OpenImageIO's text}".
+VOREL_USD_IMAGE_PROCESSING_API Image resize(const Image& image, const OIIO::ROI& roi);
+
+/// `image` rotated by `angle` radians about the centre of its display window. With
+/// `recomputeRoi` the result's extent grows to hold the whole rotated image; without it, it
+/// keeps the source's. Failure: "Rotate operation failed:\n{OpenImageIO's text}".
+VOREL_USD_IMAGE_PROCESSING_API Image rotate(const Image& image, float angle, bool recomputeRoi);
+
+/// Writes the region `roi` of `src` (all of it for the default ROI) into `dst` at column `x`,
+/// row `y`, in place; an empty `dst` is allocated. `dst.properties` are left alone. Returns
+/// false on failure, with `dst` as OpenImageIO left it, and logs at err
+/// "Paste operation failed:\n{OpenImageIO's text}". On OpenImageIO 2.4.7 a region that does not
+/// start at (0, 0) lands further by that start: pass regions starting at (0, 0).
+VOREL_USD_IMAGE_PROCESSING_API bool paste(Image& dst, int x, int y, const Image& src,
+                                          const OIIO::ROI& roi = OIIO::ROI());
+
 // ---------------------------------------------------------------------------------------------
 // Compositing and alpha
 // ---------------------------------------------------------------------------------------------
+
+/// `foreground` composited over `background` within `roi` (both need an alpha channel). The
+/// result carries `foreground`'s properties. Failure: the empty Image and, at err,
+/// "Over compositing failed:\n{OpenImageIO's text}".
+VOREL_USD_IMAGE_PROCESSING_API Image over(const Image& foreground, const Image& background,
+                                          const OIIO::ROI& roi = OIIO::ROI());
+
+/// A new image covering `roi` (extent and channels) filled with `color`, which must hold one
+/// value per channel of `roi`. No colour-space tag, no properties. Failure (such as the default
+/// ROI): the empty Image and, at err, "Create solid operation failed:\n{OpenImageIO's text}".
+VOREL_USD_IMAGE_PROCESSING_API Image createSolidColorImage(const std::vector<float>& color,
+                                                           const OIIO::ROI& roi);
+
+/// Flattens an RGBA `image` over a solid `backgroundColor` (four values, R, G, B, A) on the
+/// region from pixel (0, 0) of its size, channels 0 to 4. `image` is replaced by the composite;
+/// when that fails, `image` becomes the empty Image (properties included) and the err lines of
+/// createSolidColorImage and over are the only report.
+VOREL_USD_IMAGE_PROCESSING_API void compositeOverBackgroundColor(
+    Image& image, const std::vector<float>& backgroundColor);
+
+/// `image` premultiplied, unpremultiplied or repremultiplied by its alpha, as `mode` says. A
+/// `mode` other than the three enumerators logs "Invalid PreMultMode" at err; an OpenImageIO
+/// failure logs "Premultiply operation failed:\n{OpenImageIO's text}"; both give the empty Image.
+VOREL_USD_IMAGE_PROCESSING_API Image preMultiply(const Image& image, PreMultMode mode);
+
+/// Gives a three-channel image without alpha a fourth channel "A" holding `alpha`, in place.
+/// Returns false, and leaves `image` as it was, silently when the image already has an alpha
+/// channel, and with a warn line "Couldn't add alpha channel to image with {n} channels" when it
+/// doesn't have exactly 3 channels. An OpenImageIO failure logs at err
+/// "Adding of alpha channel failed:\n{OpenImageIO's text}" and returns false.
+VOREL_USD_IMAGE_PROCESSING_API bool addAlphaChannel(Image& image, float alpha);
 
 // ---------------------------------------------------------------------------------------------
 // Colour conversion
@@ -153,12 +317,67 @@ VOREL_USD_IMAGE_PROCESSING_API Image colorConvert(const Image& image, const std:
 // Channel operations
 // ---------------------------------------------------------------------------------------------
 
+/// A new image of `channelCount` channels; channel i is `image`'s channel `channelOrder[i]`
+/// (a negative index gives 0). Failure: the empty Image and, at err,
+/// "Shuffle operation failed:\n{OpenImageIO's text}".
+VOREL_USD_IMAGE_PROCESSING_API Image shuffle(const Image& image, int channelCount,
+                                             OIIO::span<const int> channelOrder);
+
+/// The channels of `first` followed by those of `second`, over `roi` (the union of both for the
+/// default ROI); carries `first`'s properties only. Failure: the empty Image and, at err,
+/// "Channel append operation failed:\n{OpenImageIO's text}".
+VOREL_USD_IMAGE_PROCESSING_API Image channelAppend(const Image& first, const Image& second,
+                                                   const OIIO::ROI& roi = OIIO::ROI());
+
+/// 1 - v for every sample within `roi`, alpha included for the default ROI. Failure: the empty
+/// Image and, at err, "Invert operation failed:\n{OpenImageIO's text}".
+VOREL_USD_IMAGE_PROCESSING_API Image invert(const Image& image, const OIIO::ROI& roi = OIIO::ROI());
+
+/// `image` with the first channel named exactly `channelName` (case-sensitive) inverted and
+/// every other channel as it was. Returns the empty Image and logs at err
+/// "Given channel '{channelName}' doesn't exist" when there is no such channel, or
+/// "Invert operation failed:\n{text}" / "Past operation failed:\n{text}" when OpenImageIO fails.
+VOREL_USD_IMAGE_PROCESSING_API Image invertChannel(const Image& image, std::string channelName);
+
 // ---------------------------------------------------------------------------------------------
 // Normalisation
 // ---------------------------------------------------------------------------------------------
 
+/// Remaps the channels named in `channelNames` ("R", "G", "B" when empty) linearly, with one
+/// range over all of them, so that their smallest sample becomes `targetMin` and their largest
+/// `targetMax`; other channels are carried across. Nothing is clamped, and if all chosen samples
+/// are equal they become NaN. Samples are read on OpenImageIO's float scale (integer types as
+/// 0..1), except scalar UINT32 images, whose raw integers are used; results are stored as
+/// ImageBuf::setpixel converts floats to the (unchanged) pixel type. Logs the range at debug.
+/// Returns the empty Image and logs at err
+/// "Normalize fails: Channel index out of range:\n{name}, present channels : [{names}]" when a
+/// name isn't a channel of `image`.
+VOREL_USD_IMAGE_PROCESSING_API Image normalize(const Image& image, float targetMin, float targetMax,
+                                               const std::vector<std::string>& channelNames = {});
+
 // ---------------------------------------------------------------------------------------------
 // ID images
 // ---------------------------------------------------------------------------------------------
+
+// An ID image has the pixel type scalar INT32: each sample is an identifier, and a negative
+// sample marks a pixel without one. Both functions change the image in place, in its own pixel
+// memory, and leave `properties` alone.
+
+/// Turns an ID image of any number of channels into scalar UINT32 samples: a negative ID
+/// becomes 0 and ID n becomes n + 1 (2147483647 becomes 2147483648). Returns true once done.
+/// Returns false and leaves the image as it was when the pixel type isn't scalar INT32, logging
+/// at err "Can't convert non-ID image: {pixel type} format" (also for an image converted
+/// before, so IDs are never shifted twice), or when its pixels aren't in local memory (such as
+/// a deep image), logging at err "Can't modify image with non-local pixels".
+VOREL_USD_IMAGE_PROCESSING_API bool convertIdImageToUint(Image& image);
+
+/// Replaces a one-channel ID image by a 4-channel UINT8 mask: R, G, B and A are 255 where the ID
+/// is 0 or more and 0 where it's negative, then the mask is dilated by OpenImageIO's dilate with
+/// a 2 x 2 window, which also sets the right, lower and lower-right neighbours of every set
+/// pixel. The old attributes, the colour-space tag among them, are gone and the origin is 0, 0.
+/// Logs "idImageToMask" at debug on every call. An image that isn't one channel of scalar INT32
+/// is left as it was with the err line "Unexpected format for idImage"; one whose pixels aren't
+/// in local memory with "Can't modify image with non-local pixels".
+VOREL_USD_IMAGE_PROCESSING_API void idImageToMask(Image& image);
 
 }  // namespace vorel::usd::image_processing
