@@ -72,7 +72,7 @@ SECTIONS = [
         Row("fit", "sample.exr", [f"fit={SIZE}x{H}"], ["sample"],
             f"fit(image, ROI(0, {SIZE}, 0, {H}))",
             f"Scales into {SIZE}×{H} keeping the aspect ratio: a {H}×{H} data window at x={Q} "
-            f"in a {SIZE}×{H} display window, letterboxed."),
+            f"inside the {SIZE}×{H} display window, letterboxed."),
         Row("resize", "sample.exr", [f"resize={SIZE}x{H}"], ["sample"],
             f"resize(image, ROI(0, {SIZE}, 0, {H}))",
             f"Resamples to exactly {SIZE}×{H}; the aspect ratio is not kept."),
