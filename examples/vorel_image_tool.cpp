@@ -51,7 +51,7 @@ const char* const kUsage =
     "                             fit=WxH  resize=WxH  cut=X,Y,W,H  rotate=RADIANS\n"
     "                             flatten=R,G,B,A  add-alpha=A  premult  unpremult\n"
     "                             invert  invert-channel=NAME  shuffle=C,C,...\n"
-    "                             normalize=MIN,MAX  color-convert=FROM,TO\n"
+    "                             normalize=MIN,MAX  color-convert=FROM,TO  tag=COLORSPACE\n"
     "                             over=FILE  paste=FILE,X,Y  channel-append=FILE  id-mask\n"
     "  --gif PATH               write all inputs as the frames of an animated GIF\n"
     "  --fps N                  frame rate for --gif (default 10)\n"
@@ -252,6 +252,11 @@ ip::Image apply(const Operation& op, ip::Image image) {
     if (op.name == "color-convert") {
         const std::vector<std::string> names = split(a, ',');
         return ip::colorConvert(image, names.at(0), names.at(1));
+    }
+    if (op.name == "tag") {
+        // Relabels only: the pixels stay, but --output's conversion now starts from this name.
+        ip::setColorSpace(image, a);
+        return image;
     }
     if (op.name == "over") {
         return ip::over(image, ip::readImage(a), OIIO::ROI());

@@ -1,130 +1,152 @@
-// Asset images through Hio, and the Hgi format vocabulary.
+// Asset images: the Hio stand-in on real files written by OpenImageIO, getImageFromAssetPath over
+// it, and the Hgi format vocabulary.
 
-#include <cstring>
-#include <fstream>
+#include <algorithm>
+#include <tuple>
 
-#include <OpenImageIO/imagebufalgo.h>
+#include <pxr/imaging/hio/image.h>
 
 #include "test_support.h"
 
 namespace fs = std::filesystem;
 namespace ip = vorel::usd::image_processing;
-using vorel::test::LibraryTest;
-using vorel::test::makeGradient;
-using vorel::test::writeWithOIIO;
+using PXR_NS::HioImage;
+using T = OIIO::TypeDesc;
+using Bytes = std::vector<unsigned char>;
 
 namespace {
 
-// Writes `samples` to an 8-bit file as they are: with "oiio:UnassociatedAlpha" OpenImageIO stores
-// colour beside alpha untouched instead of un-associating it first.
-std::vector<unsigned char> writeRawBytes(const fs::path& path, int width, int height,
-                                         int channels) {
-    std::vector<unsigned char> samples(static_cast<size_t>(width) * height * channels);
-    for (size_t i = 0; i < samples.size(); ++i) {
-        samples[i] = static_cast<unsigned char>(i * 7 + 3);  // alpha well below 255
-    }
-    OIIO::ImageSpec spec(width, height, channels, OIIO::TypeDesc::UINT8);
-    spec.attribute("oiio:UnassociatedAlpha", 1);
-    const auto out = OIIO::ImageOutput::create(path.string());
-    EXPECT_TRUE(out && out->open(path.string(), spec) &&
-                out->write_image(OIIO::TypeDesc::UINT8, samples.data()) && out->close());
-    return samples;
+Bytes bytesOf(const OIIO::ImageBuf& buffer, T type) {
+    Bytes bytes(buffer.spec().image_pixels() * buffer.nchannels() * type.size());
+    EXPECT_TRUE(buffer.get_pixels(buffer.roi(), type, bytes.data()));
+    return bytes;
 }
 
-class AssetImages : public LibraryTest {};
+class AssetImages : public vorel::test::LibraryTest {
+protected:
+    // A 5 x 3 gradient (exact in RGBE too) written by OpenImageIO with colour beside alpha stored
+    // as it is; "oiio:ColorSpace" decides which colour chunks the PNG writer emits.
+    Bytes write(const std::string& name, int channels, T type, const char* colorSpace = "") {
+        ip::Image image = vorel::test::makeGradient(5, 3, channels, type, 0.25f);
+        image.buffer.specmod().attribute("oiio:UnassociatedAlpha", 1);
+        image.buffer.specmod().attribute("oiio:ColorSpace", colorSpace);
+        vorel::test::writeWithOIIO(image.buffer, temp / name);
+        return bytesOf(image.buffer, type);
+    }
+    PXR_NS::HioImageSharedPtr open(const std::string& name, int subimage = 0, int mip = 0,
+                                   HioImage::SourceColorSpace space = HioImage::Auto) {
+        return HioImage::OpenForReading((temp / name).string(), subimage, mip, space);
+    }
+};
 
-TEST_F(AssetImages, EightBitPngsComeThroughWithTheirChannelsAndTheSRGBTagOfHio) {
-    struct Case {
-        const char* name;
-        int channels;
-        const char* tag;
+TEST_F(AssetImages, SamplesAsStoredSRGBByGammaChunkThen8BitColourAndAssetsAsBytes) {
+    const std::tuple<const char*, int, T::BASETYPE, const char*, PXR_NS::HioFormat> cases[] = {
+        {"rgba.png", 4, T::UINT8, "", PXR_NS::HioFormatUNorm8Vec4srgb},
+        {"grey.png", 1, T::UINT8, "", PXR_NS::HioFormatUNorm8},
+        {"greyalpha.png", 2, T::UINT8, "", PXR_NS::HioFormatUNorm8Vec2},
+        // gAMA 0.45455 (here beside an sRGB chunk) makes even one channel sRGB; 1.0 linear.
+        {"greysrgb.png", 1, T::UINT8, "sRGB", PXR_NS::HioFormatUNorm8srgb},
+        {"rgblinear.png", 3, T::UINT8, "linear", PXR_NS::HioFormatUNorm8Vec3},
+        {"half.exr", 4, T::HALF, "", PXR_NS::HioFormatFloat16Vec4},
+        {"float.exr", 4, T::FLOAT, "", PXR_NS::HioFormatFloat32Vec4},
+        {"uint.exr", 1, T::UINT32, "", PXR_NS::HioFormatInt32},
+        {"rgb.hdr", 3, T::FLOAT, "", PXR_NS::HioFormatFloat32Vec3},
+        {"rgb8.tif", 3, T::UINT8, "", PXR_NS::HioFormatUNorm8Vec3srgb},
+        {"ga16.tif", 2, T::UINT16, "", PXR_NS::HioFormatUInt16Vec2},
+        {"grey.TIFF", 1, T::FLOAT, "", PXR_NS::HioFormatFloat32},
     };
-    for (const Case& c : {Case{"rgba.png", 4, "sRGB"}, Case{"grey.png", 1, ""}}) {
-        SCOPED_TRACE(c.name);
-        const std::vector<unsigned char> samples = writeRawBytes(temp / c.name, 6, 4, c.channels);
-        const ip::Image image = ip::getImageFromAssetPath((temp / c.name).string());
-        ASSERT_TRUE(image.buffer.initialized());
-        EXPECT_EQ(ip::getNumChannels(image), c.channels);
-        EXPECT_EQ(image.buffer.spec().format, OIIO::TypeDesc::UINT8);
-        EXPECT_EQ(ip::getColorSpace(image), c.tag);
-        EXPECT_TRUE(image.properties.empty());
-        std::vector<unsigned char> pixels(samples.size());
-        ASSERT_TRUE(
-            image.buffer.get_pixels(image.buffer.roi(), OIIO::TypeDesc::UINT8, pixels.data()));
-        EXPECT_EQ(pixels, samples);
+    for (const auto& [name, channels, type, colorSpace, format] : cases) {
+        SCOPED_TRACE(name);
+        const Bytes samples = write(name, channels, type, colorSpace);
+        const auto image = open(name);
+        ASSERT_TRUE(image);
+        EXPECT_EQ(image->GetFormat(), format);
+        const bool sRGB = format >= PXR_NS::HioFormatUNorm8srgb;
+        EXPECT_EQ(image->IsColorSpaceSRGB(), sRGB);
+        // Read's bytes as stored, top row first, as one UINT8 channel per byte of a pixel.
+        const ip::Image asset = ip::getImageFromAssetPath((temp / name).string());
+        EXPECT_EQ(asset.buffer.roi(), OIIO::ROI(0, 5, 0, 3, 0, 1, 0, channels * T(type).size()));
+        EXPECT_EQ(asset.buffer.spec().format, T::UINT8);
+        EXPECT_EQ(ip::getColorSpace(asset), sRGB ? "sRGB" : "");
+        EXPECT_EQ(bytesOf(asset.buffer, T::UINT8), samples);
     }
+    // An explicit colour space overrides the file, but OpenEXR is never sRGB.
+    EXPECT_EQ(open("rgba.png", 0, 0, HioImage::Raw)->GetFormat(), PXR_NS::HioFormatUNorm8Vec4);
+    EXPECT_FALSE(open("half.exr", 0, 0, HioImage::SRGB)->IsColorSpaceSRGB());
+    // Read flips on request and refuses any layout but the image's own.
+    const Bytes samples = write("rgba.png", 4, T::UINT8);
+    const auto rgba = open("rgba.png");
+    Bytes flipped(60);
+    ASSERT_TRUE(rgba->Read({5, 3, 0, rgba->GetFormat(), /*flipped=*/true, flipped.data()}));
+    EXPECT_TRUE(std::equal(flipped.begin(), flipped.begin() + 20, samples.end() - 20));
+    EXPECT_FALSE(rgba->Read({5, 3, 0, PXR_NS::HioFormatUNorm8Vec4, false, flipped.data()}));
+    EXPECT_FALSE(rgba->Read({5, 2, 0, rgba->GetFormat(), false, flipped.data()}));
+    // stb_image cuts 16-bit samples to their high byte.
+    uint16_t deepSamples[] = {0x12FF, 0x0080, 0xFFFF};  // rounding would give 0x13, 0x01
+    vorel::test::writeWithOIIO(OIIO::ImageBuf(OIIO::ImageSpec(1, 1, 3, T::UINT16), deepSamples),
+                               temp / "deep.png");
+    const ip::Image cut = ip::getImageFromAssetPath((temp / "deep.png").string());
+    EXPECT_EQ(bytesOf(cut.buffer, T::UINT8), (Bytes{0x12, 0x00, 0xFF}));
     expectNoWarnings();
 }
 
-TEST_F(AssetImages, FloatExrGivesOneByteChannelPerByteOfAPixel) {
-    const ip::Image source = makeGradient(3, 2, 4, OIIO::TypeDesc::FLOAT, 0.25f);
-    writeWithOIIO(source.buffer, temp / "rgba.exr");
-    const ip::Image image = ip::getImageFromAssetPath((temp / "rgba.exr").string());
-    ASSERT_TRUE(image.buffer.initialized());
-    ASSERT_EQ(ip::getNumChannels(image), 16);
-    EXPECT_EQ(image.buffer.spec().format, OIIO::TypeDesc::UINT8);
-    EXPECT_EQ(ip::getColorSpace(image), "");
-    std::vector<float> expected(3 * 2 * 4);
-    ASSERT_TRUE(
-        source.buffer.get_pixels(source.buffer.roi(), OIIO::TypeDesc::FLOAT, expected.data()));
-    std::vector<unsigned char> bytes(expected.size() * sizeof(float));
-    ASSERT_TRUE(image.buffer.get_pixels(image.buffer.roi(), OIIO::TypeDesc::UINT8, bytes.data()));
-    EXPECT_EQ(std::memcmp(bytes.data(), expected.data(), bytes.size()), 0);
-    expectNoWarnings();
-}
+TEST_F(AssetImages, HioGivesNullSilentlyTheAssetPathItsOneMessage) {
+    write("image.png", 3, T::UINT8);
+    write("image.gif", 3, T::UINT8);
+    fs::copy_file(temp / "image.png", temp / "png_inside.exr");
+    for (const char* name : {"missing.png", "image.gif", "png_inside.exr"}) {
+        EXPECT_FALSE(open(name)) << name;
+    }
+    EXPECT_FALSE(open("image.png", 1));  // subimage 1
+    EXPECT_TRUE(log.records().empty());
+    EXPECT_EQ(OIIO::geterror(true), "");  // nothing left behind for a later message
 
-TEST_F(AssetImages, FailuresReturnTheEmptyImageWithTheirOneLine) {
     const std::string missing = (temp / "missing.png").string();
     EXPECT_FALSE(ip::getImageFromAssetPath(missing).buffer.initialized());
     expectOnlyMessage(spdlog::level::err, "Failed to open image " + missing);
-
     // Hio opens the header of a cut-off file and fails when decoding it.
-    writeWithOIIO(makeGradient(64, 64, 3, OIIO::TypeDesc::UINT8).buffer, temp / "full.png");
-    const std::string truncated = (temp / "truncated.png").string();
-    {
-        std::ifstream in(temp / "full.png", std::ios::binary);
-        std::string bytes((std::istreambuf_iterator<char>(in)), {});
-        std::ofstream(truncated, std::ios::binary) << bytes.substr(0, bytes.size() / 2);
-    }
+    const fs::path truncated = temp / "truncated.png";
+    vorel::test::writeWithOIIO(vorel::test::makeGradient(64, 64, 3, T::UINT8).buffer, truncated);
+    fs::resize_file(truncated, fs::file_size(truncated) / 2);
     log.clear();
-    EXPECT_FALSE(ip::getImageFromAssetPath(truncated).buffer.initialized());
-    expectOnlyMessage(spdlog::level::err, "Reading of image " + truncated + " failed");
+    EXPECT_FALSE(ip::getImageFromAssetPath(truncated.string()).buffer.initialized());
+    expectOnlyMessage(spdlog::level::err, "Reading of image " + truncated.string() + " failed");
 }
 
-TEST_F(AssetImages, HgiFormatsTranslateValueByValue) {
-    struct Row {
-        int channels;
-        OIIO::TypeDesc::BASETYPE type;
-    };
-    using T = OIIO::TypeDesc;
-    const Row table[] = {{1, T::UINT8},  {2, T::UINT8},  {4, T::UINT8},  {1, T::INT8},
-                         {2, T::INT8},   {4, T::INT8},   {1, T::HALF},   {2, T::HALF},
-                         {3, T::HALF},   {4, T::HALF},   {1, T::FLOAT},  {2, T::FLOAT},
-                         {3, T::FLOAT},  {4, T::FLOAT},  {1, T::INT16},  {2, T::INT16},
-                         {3, T::INT16},  {4, T::INT16},  {1, T::UINT16}, {2, T::UINT16},
-                         {3, T::UINT16}, {4, T::UINT16}, {1, T::INT32},  {2, T::INT32},
-                         {3, T::INT32},  {4, T::INT32},  {4, T::UINT8}};
-    for (int value = 0; value <= 26; ++value) {
-        SCOPED_TRACE(value);
-        const auto format = static_cast<PXR_NS::HgiFormat>(value);
-        EXPECT_EQ(ip::getNumChannelsFromHgiFormat(format), table[value].channels);
-        const OIIO::TypeDesc type = ip::getOIIOTypeDescFromHgiFormat(format);
-        EXPECT_EQ(type, OIIO::TypeDesc(table[value].type));
-        EXPECT_EQ(type.aggregate, T::SCALAR);
-        EXPECT_EQ(type.arraylen, 0);
+TEST_F(AssetImages, HgiFormatsTranslateValueByValueHioFormatsHaveTheirByteSizes) {
+    // The 8-bit families have no three-channel member; the last value, 26, is UNorm8Vec4srgb.
+    const std::pair<T::BASETYPE, std::vector<int>> families[] = {
+        {T::UINT8, {1, 2, 4}},    {T::INT8, {1, 2, 4}},     {T::HALF, {1, 2, 3, 4}},
+        {T::FLOAT, {1, 2, 3, 4}}, {T::INT16, {1, 2, 3, 4}}, {T::UINT16, {1, 2, 3, 4}},
+        {T::INT32, {1, 2, 3, 4}}, {T::UINT8, {4}}};
+    int value = 0;
+    for (const auto& [type, channelCounts] : families) {
+        for (const int channels : channelCounts) {
+            const auto format = static_cast<PXR_NS::HgiFormat>(value++);
+            EXPECT_EQ(ip::getNumChannelsFromHgiFormat(format), channels) << format;
+            EXPECT_EQ(ip::getOIIOTypeDescFromHgiFormat(format), T(type)) << format;
+        }
     }
-    EXPECT_EQ(ip::getNumChannelsFromHgiFormat(PXR_NS::HgiFormatFloat32Vec4), 4);
+    EXPECT_EQ(value, 27);
     expectNoWarnings();
-
-    for (const auto format : {PXR_NS::HgiFormatInvalid, PXR_NS::HgiFormatBC6FloatVec3,
-                              PXR_NS::HgiFormatPackedInt1010102, PXR_NS::HgiFormatCount}) {
-        SCOPED_TRACE(format);
+    for (const auto format : {PXR_NS::HgiFormatInvalid, PXR_NS::HgiFormatBC6FloatVec3}) {
         log.clear();
-        EXPECT_EQ(ip::getNumChannelsFromHgiFormat(format), 0);
+        EXPECT_EQ(ip::getNumChannelsFromHgiFormat(format), 0) << format;
         expectOnlyMessage(spdlog::level::err, "Unsupported hgiFormat");
         log.clear();
-        EXPECT_EQ(ip::getOIIOTypeDescFromHgiFormat(format), OIIO::TypeDesc(T::FLOAT));
+        EXPECT_EQ(ip::getOIIOTypeDescFromHgiFormat(format), T(T::FLOAT)) << format;
         expectOnlyMessage(spdlog::level::err, "Unsupported hgiFormat");
+    }
+    EXPECT_EQ(PXR_NS::HioFormatCount, 46);
+    // Families of four (1 to 4 components): UNorm8, SNorm8, Float16, Float32, Double64, UInt16,
+    // Int16, UInt32, Int32, UNorm8srgb; then 4 x 4 blocks of 16 bytes.
+    const size_t componentBytes[] = {1, 1, 2, 4, 8, 2, 2, 4, 4, 1};
+    for (int hio = 0; hio < PXR_NS::HioFormatCount; ++hio) {
+        size_t width = 0, height = 0;
+        EXPECT_EQ(HioGetDataSizeOfFormat(PXR_NS::HioFormat(hio), &width, &height),
+                  hio >= 40 ? 16u : (hio % 4 + 1) * componentBytes[hio / 4])
+            << hio;
+        EXPECT_EQ(width * height, hio >= 40 ? 16u : 1u) << hio;
     }
 }
 

@@ -1,10 +1,13 @@
-// The colour policy by extension and the three writers, proven on real files that are read back
-// through OpenImageIO's ImageInput.
+// The colour policy by extension and the three writers, proven on real files read back through
+// OpenImageIO's ImageInput. Writer calls that would take OpenImageIO 2.4.7 down run in a child
+// process, so that a crash fails the test instead of ending the run.
 
-#include <cctype>
-#include <utility>
+#include <cstdlib>
+#include <iostream>
+#include <tuple>
 
 #include <OpenImageIO/imagebufalgo.h>
+#include <fmt/format.h>
 
 #include "test_support.h"
 
@@ -13,324 +16,206 @@ namespace ip = vorel::usd::image_processing;
 using spdlog::level::debug;
 using spdlog::level::err;
 using spdlog::level::warn;
-using vorel::test::LibraryTest;
 using vorel::test::makeGradient;
-using vorel::test::sameImage;
+using Messages = std::vector<std::pair<spdlog::level::level_enum, std::string>>;
+using Strings = std::vector<std::string>;
 
 namespace {
 
-const std::string kLinearWarning =
-    "Converting to linear space, this is not normally recommended and could result in loss of "
-    "information.  It would be better  to keep everything in linear space before exporting";
-
-/// The ImageSpec of every subimage of `file`, as a reader of our own sees them.
-std::vector<OIIO::ImageSpec> subimages(const fs::path& file) {
-    std::vector<OIIO::ImageSpec> specs;
+/// Every subimage of `file` as an independent reader sees it: "name channels format WxH fps".
+Strings subimages(const fs::path& file) {
+    Strings found;
     const auto in = OIIO::ImageInput::open(file.string());
     for (int i = 0; in && in->seek_subimage(i, 0); ++i) {
-        specs.push_back(in->spec());
+        const OIIO::ImageSpec& spec = in->spec();
+        int fps[2] = {0, 0};
+        spec.getattribute("FramesPerSecond", OIIO::TypeRational, fps);
+        found.push_back(fmt::format("{} {} {} {}x{} {}/{}",
+                                    spec.get_string_attribute("oiio:subimagename"), spec.nchannels,
+                                    spec.format.c_str(), spec.width, spec.height, fps[0], fps[1]));
     }
-    return specs;
+    return found;
 }
 
 ip::Image tagged(const std::string& colorSpace, int channels = 3,
-                 OIIO::TypeDesc format = OIIO::TypeDesc::FLOAT, int width = 8, int height = 6) {
+                 OIIO::TypeDesc format = OIIO::TypeFloat, int width = 8, int height = 6) {
     ip::Image image = makeGradient(width, height, channels, format);
     image.buffer.specmod().attribute("oiio:ColorSpace", colorSpace);
-    image.properties["owner"] = "caller";
     return image;
 }
 
-::testing::AssertionResult unchanged(const ip::Image& before, const ip::Image& after) {
-    if (before.properties != after.properties) {
-        return ::testing::AssertionFailure() << "properties changed";
-    }
-    return sameImage(before.buffer, after.buffer);
-}
-
-class Writing : public LibraryTest {
+class Writing : public vorel::test::LibraryTest {
 protected:
-    std::vector<std::pair<spdlog::level::level_enum, std::string>> messages() {
-        std::vector<std::pair<spdlog::level::level_enum, std::string>> all;
+    /// Every line logged since the last call.
+    Messages messages() {
+        Messages all;
         for (const auto& record : log.records()) {
             all.emplace_back(record.level, record.message);
         }
+        log.clear();
         return all;
+    }
+    /// One line at warn or above: `level` with `text`, or starting with it.
+    void expectOnly(spdlog::level::level_enum level, const std::string& text, bool prefix = false) {
+        const auto problems = log.atLeast(warn);
+        ASSERT_EQ(problems.size(), 1u) << text;
+        EXPECT_EQ(problems[0].level, level);
+        EXPECT_EQ(problems[0].message.substr(0, prefix ? text.size() : std::string::npos), text);
+        log.clear();
     }
 };
 
 TEST_F(Writing, ColorConvertByFormatFollowsTheExtensionPolicy) {
-    using Messages = std::vector<std::pair<spdlog::level::level_enum, std::string>>;
-    struct Case {
-        const char* file;
-        const char* colorSpace;
-        bool converted;
-        const char* tagAfter;
-        Messages expected;
+    // `to` is the space converted to, "" where nothing is converted.
+    const struct {
+        const char *file, *from, *to, *extension;
+    } cases[] = {
+        {"a.JPEG", "linear", "sRGB", ".jpeg"},
+        {"a.b.Gif", "srgb", "sRGB", ".gif"},
+        {"a.Tiff", "sRGB", "linear", ".tiff"},
+        {"a.EXR", "Rec709", "linear", ".exr"},
+        {"a.PNG", "sRGB", "", ".png"},
+        {"a.exr", "linear", "", ".exr"},
+        {"a.xyz", "linear", "", ".xyz"},
+        {"noextension", "sRGB", "", ""},
+        {".exr", "sRGB", "", ""},
     };
-    const std::string none = "No color conversion needed for extension ";
-    const Case cases[] = {
-        {"a.JPEG",
-         "linear",
-         true,
-         "sRGB",
-         {{debug, "Converted image from 'linear' to 'sRGB' for extension '.jpeg'"}}},
-        {"a.b.Gif",
-         "srgb",
-         true,
-         "sRGB",
-         {{debug, "Converted image from 'srgb' to 'sRGB' for extension '.gif'"}}},
-        {"a.Tiff",
-         "sRGB",
-         true,
-         "linear",
-         {{debug, "Converted image from 'sRGB' to 'linear' for extension '.tiff'"},
-          {warn, kLinearWarning}}},
-        {"a.EXR",
-         "Rec709",
-         true,
-         "linear",
-         {{debug, "Converted image from 'Rec709' to 'linear' for extension '.exr'"},
-          {warn, kLinearWarning}}},
-        {"a.PNG", "sRGB", false, "sRGB", {{debug, none + "'.png'"}}},
-        {"a.exr", "linear", false, "linear", {{debug, none + "'.exr'"}}},
-        {"a.xyz", "linear", false, "linear", {{debug, none + "'.xyz'"}}},
-        {"noextension", "sRGB", false, "sRGB", {{debug, none + "''"}}},
-        {".exr", "sRGB", false, "sRGB", {{debug, none + "''"}}},
-        {"a.xyz",
-         "",
-         false,
-         "",
-         {{warn, "Image has no color space set and is unknown, no conversions will be done"}}},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(std::string(c.file) + " from '" + c.colorSpace + "'");
-        log.clear();
-        const ip::Image original = tagged(c.colorSpace);
-        ip::Image image = original;
-        EXPECT_EQ(ip::colorConvertByFormat(image, temp / c.file), c.converted);
-        EXPECT_EQ(messages(), c.expected);
-        EXPECT_EQ(ip::getColorSpace(image), c.tagAfter);
-        EXPECT_EQ(image.properties, original.properties);
-        if (!c.converted) {
-            EXPECT_TRUE(unchanged(original, image));
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.file) + " from " + c.from);
+        const std::string to = c.to, extension = "extension '" + std::string(c.extension) + "'";
+        ip::Image image = tagged(c.from);
+        EXPECT_EQ(ip::colorConvertByFormat(image, temp / c.file), !to.empty());
+        Messages expected{{debug, to.empty() ? "No color conversion needed for " + extension
+                                             : "Converted image from '" + std::string(c.from) +
+                                                   "' to '" + to + "' for " + extension}};
+        if (to == "linear") {
+            expected.emplace_back(warn,
+                                  "Converting to linear space, this is not normally recommended "
+                                  "and could result in loss of information.  It would be better  "
+                                  "to keep everything in linear space before exporting");
         }
+        EXPECT_EQ(messages(), expected);
+        EXPECT_EQ(ip::getColorSpace(image), to.empty() ? c.from : to);
+        EXPECT_TRUE(!to.empty() || vorel::test::sameImage(image.buffer, tagged(c.from).buffer));
     }
+    ip::Image untagged = tagged("");
+    EXPECT_FALSE(ip::colorConvertByFormat(untagged, "a.jpg"));
+    expectOnly(warn, "Image has no color space set and is unknown, no conversions will be done");
     EXPECT_TRUE(fs::is_empty(temp.path()));
-
-    // The pixels are really converted: linear 0.5 is sRGB 0.7354.
-    ip::Image grey = tagged("linear");
-    grey.buffer.setpixel(0, 0, std::vector<float>{0.5f, 0.5f, 0.5f}.data());
-    ASSERT_TRUE(ip::colorConvertByFormat(grey, "grey.jpg"));
-    EXPECT_NEAR(ip::getPixelValue(grey, 0, 0, 0, 1), 0.7354f, 1e-3f);
-
     // A conversion that fails still counts as run, and leaves the empty Image behind.
-    log.clear();
     ip::Image unknown = tagged("unknown");
     EXPECT_TRUE(ip::colorConvertByFormat(unknown, "a.jpg"));
     EXPECT_FALSE(unknown.buffer.initialized());
-    const auto records = log.records();
-    ASSERT_EQ(records.size(), 2u);
-    EXPECT_EQ(records[0].level, err);
-    EXPECT_EQ(records[0].message.rfind("colorConvert operation failed:\n", 0), 0u);
-    EXPECT_EQ(records[1].message, "Converted image from 'unknown' to 'sRGB' for extension '.jpg'");
+    EXPECT_EQ(log.records().back().message,
+              "Converted image from 'unknown' to 'sRGB' for extension '.jpg'");
+    expectOnly(err, "colorConvert operation failed:\n", true);
 }
 
-TEST_F(Writing, WritesEveryPolicyExtensionInAnyCase) {
-    for (std::string extension :
-         {".png", ".jpg", ".jpeg", ".bmp", ".gif", ".webp", ".exr", ".tif", ".tiff"}) {
-        std::string upper = extension;
-        std::string mixed = extension;
-        for (char& ch : upper) {
-            ch = static_cast<char>(std::toupper(ch));
-        }
-        mixed[1] = upper[1];
-        for (const std::string& variant : {extension, upper, mixed}) {
-            SCOPED_TRACE(variant);
-            log.clear();
-            const fs::path file = temp / ("image" + variant);
-            ip::Image image = tagged("linear");
-            ip::colorConvertByFormat(image, file);
-            expectNoWarnings();
-            log.clear();
-            const ip::Image before = image;
-            ASSERT_TRUE(ip::writeImage(image, file, 6));
-            expectNoWarnings();
-            EXPECT_TRUE(unchanged(before, image));
-            const auto records = log.records();
-            ASSERT_GE(records.size(), 2u);
-            EXPECT_EQ(records[0].message, "Writing image with color space '" +
-                                              ip::getColorSpace(image) + "' to " + file.string());
-            // Only PNG, in whatever case, gets the level.
-            EXPECT_EQ(records.size() == 3, extension == ".png");
-            const std::string timing = records.back().message;
-            const std::string start =
-                "Writing image of 8x6 resolution to " + file.string() + " took: ";
-            EXPECT_EQ(timing.rfind(start, 0), 0u) << timing;
-            EXPECT_GT(std::stod(timing.substr(start.size())), 0.0);
-            EXPECT_EQ(timing.substr(timing.size() - 2), "ms");
-
-            const auto specs = subimages(file);
-            ASSERT_EQ(specs.size(), 1u);
-            EXPECT_EQ(specs[0].width, 8);
-            EXPECT_EQ(specs[0].height, 6);
-            // The GIF reader always gives RGBA.
-            EXPECT_EQ(specs[0].nchannels, extension == ".gif" ? 4 : 3);
-        }
-    }
-    // Float samples reach the float formats exactly.
-    for (const char* name : {"image.exr", "image.tif"}) {
-        const ip::Image read = ip::readImage(temp / name);
-        EXPECT_EQ(OIIO::ImageBufAlgo::compare(read.buffer, tagged("linear").buffer, 0, 0).nfail, 0u)
-            << name;
-    }
-}
-
-TEST_F(Writing, ReportsColourMismatchesButWritesAllTheSame) {
-    struct Case {
-        const char* file;
-        const char* colorSpace;
-        spdlog::level::level_enum level;
-        std::string message;
-    };
-    const Case cases[] = {
-        {"a.jpg", "linear", err,
-         "Image with color space 'linear' cannot be written to '.jpg' extension, which requires "
-         "sRGB color space. Please convert the image to sRGB before writing."},
-        {"a.Exr", "sRGB", err,
-         "Image with color space 'sRGB' cannot be written to '.exr' extension, which requires "
-         "linear color space. Please convert the image to linear before writing."},
-        {"b.jpg", "", warn,
-         "Image has no color space set, unable to verify the correct color space is used for "
-         "writing to disk for the specified extension"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.file);
+TEST_F(Writing, WritesEveryExtensionAndReportsColourMismatchesWithoutRefusing) {
+    // Converted as the policy asks, nothing is reported; PNG, in any case, gets the level line.
+    const std::pair<const char*, size_t> files[] = {
+        {"a.png", 3}, {"b.PNG", 3},  {"a.JPG", 2}, {"a.jpeg", 2}, {"a.Bmp", 2},
+        {"a.gif", 2}, {"a.WEBP", 2}, {"a.exr", 2}, {"a.TIF", 2},  {"a.tiff", 2}};
+    for (const auto& [name, lines] : files) {
+        SCOPED_TRACE(name);
+        ip::Image image = tagged("linear");
+        ip::colorConvertByFormat(image, name);
         log.clear();
-        EXPECT_TRUE(ip::writeImage(tagged(c.colorSpace), temp / c.file));
-        expectOnlyMessage(c.level, c.message);
-        EXPECT_EQ(subimages(temp / c.file).size(), 1u);
+        ASSERT_TRUE(ip::writeImage(image, temp / name, 6));
+        expectNoWarnings();
+        EXPECT_EQ(messages().size(), lines);
+        const Strings read = subimages(temp / name);
+        ASSERT_EQ(read.size(), 1u);
+        EXPECT_NE(read[0].find(" 8x6 "), std::string::npos) << read[0];
     }
-    EXPECT_EQ(log.records()[1].message,
-              "Writing image with color space '' to " + (temp / "b.jpg").string());
-    // Lenient extensions are never reported.
-    log.clear();
-    for (const char* file : {"c.png", "c.tiff", "c.TIF"}) {
-        EXPECT_TRUE(ip::writeImage(tagged("Rec709"), temp / file));
+    // Float samples reach a float format exactly.
+    const OIIO::ImageBuf exr((temp / "a.exr").string());
+    EXPECT_EQ(OIIO::ImageBufAlgo::compare(exr, tagged("").buffer, 0, 0).nfail, 0u);
+
+    // Strict extensions report a mismatch, and write all the same; lenient ones never do.
+    const auto needs = [](const std::string& space, const std::string& extension,
+                          const std::string& required) {
+        return "Image with color space '" + space + "' cannot be written to '" + extension +
+               "' extension, which requires " + required +
+               " color space. Please convert the image to " + required + " before writing.";
+    };
+    const std::tuple<const char*, const char*, spdlog::level::level_enum, std::string>
+        mismatches[] = {{"linear", "c.JPG", err, needs("linear", ".jpg", "sRGB")},
+                        {"Rec709", "c.JPEG", err, needs("Rec709", ".jpeg", "sRGB")},
+                        {"linear", "c.bmp", err, needs("linear", ".bmp", "sRGB")},
+                        {"linear", "c.gif", err, needs("linear", ".gif", "sRGB")},
+                        {"linear", "c.webp", err, needs("linear", ".webp", "sRGB")},
+                        {"sRGB", "c.Exr", err, needs("sRGB", ".exr", "linear")},
+                        {"", "c.jpg", warn,
+                         "Image has no color space set, unable to verify the correct color space "
+                         "is used for writing to disk for the specified extension"}};
+    for (const auto& [colorSpace, name, level, message] : mismatches) {
+        ASSERT_TRUE(ip::writeImage(tagged(colorSpace), temp / name));
+        expectOnly(level, message);
+        EXPECT_EQ(subimages(temp / name).size(), 1u);
+    }
+    for (const char* name : {"d.png", "d.tif", "d.TIFF"}) {
+        ASSERT_TRUE(ip::writeImage(tagged("Rec709"), temp / name));
     }
     expectNoWarnings();
-}
 
-TEST_F(Writing, SetsThePngCompressionLevelOnlyForPngAndLevelsOfZeroOrMore) {
+    // The level reaches the PNG writer. The lines of a write, the timing last.
     const ip::Image image = tagged("sRGB", 3, OIIO::TypeDesc::UINT8, 64, 64);
-    const auto levelMessages = [&] {
-        std::vector<std::string> found;
-        for (const auto& record : log.records()) {
-            if (record.message.rfind("Writing PNG image with compression level ", 0) == 0) {
-                found.push_back(record.message);
-            }
-        }
-        log.clear();
-        return found;
-    };
-    ASSERT_TRUE(ip::writeImage(image, temp / "stored.PNG", 0));
-    EXPECT_EQ(levelMessages(),
-              std::vector<std::string>{"Writing PNG image with compression level 0 to " +
-                                       (temp / "stored.PNG").string()});
+    const std::string stored = (temp / "stored.png").string();
     ASSERT_TRUE(ip::writeImage(image, temp / "packed.png", 9));
-    EXPECT_EQ(levelMessages().size(), 1u);
-    // The level reaches the PNG writer: stored is far larger than packed.
-    EXPECT_GT(fs::file_size(temp / "stored.PNG"), 2 * fs::file_size(temp / "packed.png"));
-    ASSERT_TRUE(ip::writeImage(image, temp / "default.png", -1));
-    ASSERT_TRUE(ip::writeImage(image, temp / "photo.jpg", 5));
-    EXPECT_TRUE(levelMessages().empty());
-    EXPECT_FALSE(image.buffer.spec().find_attribute("png:compressionLevel"));
-}
-
-TEST_F(Writing, WriteImageFailsWithOneLineAndNoColourMessage) {
-    const ip::Image image = tagged("");
-    const fs::path unknown = temp / "image.xyz";
-    EXPECT_FALSE(ip::writeImage(image, unknown));
-    ASSERT_EQ(log.records().size(), 1u);  // no colour message and no timing either
-    EXPECT_EQ(log.records()[0].level, err);
-    EXPECT_EQ(log.records()[0].message.rfind("Couldn't write image " + unknown.string() + ":\n", 0),
-              0u);
-    EXPECT_NE(log.records()[0].message.find("format writer"), std::string::npos);
-
     log.clear();
-    const fs::path missing = temp / "no folder" / "image.png";
-    EXPECT_FALSE(ip::writeImage(tagged("sRGB"), missing));
-    const auto failures = log.atLeast(err);
-    ASSERT_EQ(failures.size(), 1u);
-    EXPECT_EQ(failures[0].message.rfind("Couldn't write image " + missing.string() + ":\n", 0), 0u);
-    EXPECT_EQ(log.records().back().level, err);  // nothing after the failure
-    EXPECT_FALSE(fs::exists(missing));
+    ASSERT_TRUE(ip::writeImage(image, stored, 0));
+    EXPECT_GT(fs::file_size(stored), 2 * fs::file_size(temp / "packed.png"));
+    const Messages logged = messages();
+    ASSERT_EQ(logged.size(), 3u);
+    EXPECT_EQ(logged[0].second, "Writing image with color space 'sRGB' to " + stored);
+    EXPECT_EQ(logged[1].second, "Writing PNG image with compression level 0 to " + stored);
+    const std::string start = "Writing image of 64x64 resolution to " + stored + " took: ";
+    EXPECT_EQ(logged[2].second.rfind(start, 0), 0u) << logged[2].second;
+    EXPECT_GT(std::stod(logged[2].second.substr(start.size())), 0.0);
+    EXPECT_EQ(logged[2].second.substr(logged[2].second.size() - 2), "ms");
+    ASSERT_TRUE(ip::writeImage(image, temp / "default.png", -1));
+    EXPECT_EQ(messages().size(), 2u);  // no level line
+
+    // An unknown extension fails before any colour message; a missing folder at the open.
+    for (const auto& [name, colorSpace] :
+         {std::pair{"image.xyz", ""}, std::pair{"no folder/image.png", "sRGB"}}) {
+        EXPECT_FALSE(ip::writeImage(tagged(colorSpace), temp / name));
+        EXPECT_EQ(log.records().back().level, err);  // no timing line after it
+        expectOnly(err, "Couldn't write image " + (temp / name).string() + ":\n", true);
+        EXPECT_FALSE(fs::exists(temp / name));
+    }
 }
 
 TEST_F(Writing, MultiPartExrKeepsEachPartsChannelsTypeAndName) {
-    const std::vector<ip::Image> images{tagged("linear", 3, OIIO::TypeDesc::HALF),
-                                        tagged("", 1, OIIO::TypeDesc::FLOAT),
+    const std::vector<ip::Image> images{tagged("linear", 3, OIIO::TypeHalf), tagged("", 1),
                                         tagged("sRGB", 4, OIIO::TypeDesc::UINT8)};
-    const std::vector<ip::Image> before = images;
     const fs::path file = temp / "layers.exr";
     ASSERT_TRUE(ip::writeMultiPartEXR({"beauty", "depth", "mask"}, images, file));
     EXPECT_TRUE(log.records().empty());
-    for (size_t i = 0; i < images.size(); ++i) {
-        EXPECT_TRUE(unchanged(before[i], images[i]));
+    // OpenEXR keeps 8 bits as half.
+    EXPECT_EQ(subimages(file),
+              (Strings{"beauty 3 half 8x6 0/0", "depth 1 float 8x6 0/0", "mask 4 half 8x6 0/0"}));
+    for (int part : {0, 1}) {  // the samples as they were, half and float
+        const OIIO::ImageBuf read(file.string(), part, 0);
+        EXPECT_EQ(OIIO::ImageBufAlgo::compare(read, images[part].buffer, 0, 0).nfail, 0u) << part;
     }
-    const auto specs = subimages(file);
-    ASSERT_EQ(specs.size(), 3u);
-    const std::pair<int, OIIO::TypeDesc> expected[] = {
-        {3, OIIO::TypeDesc::HALF}, {1, OIIO::TypeDesc::FLOAT}, {4, OIIO::TypeDesc::HALF}};
-    const char* names[] = {"beauty", "depth", "mask"};
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(specs[i].width, 8);
-        EXPECT_EQ(specs[i].height, 6);
-        EXPECT_EQ(specs[i].nchannels, expected[i].first);
-        EXPECT_EQ(specs[i].format, expected[i].second);
-        EXPECT_EQ(specs[i].get_string_attribute("oiio:subimagename"), names[i]);
-    }
-    OIIO::ImageBuf depth(file.string(), 1, 0);
-    EXPECT_EQ(OIIO::ImageBufAlgo::compare(depth, images[1].buffer, 0, 0).nfail, 0u);
 
-    ASSERT_TRUE(ip::writeMultiPartEXR({"only"}, {images[0]}, temp / "one.exr"));
-    EXPECT_EQ(subimages(temp / "one.exr").at(0).get_string_attribute("oiio:subimagename"), "only");
-}
-
-TEST_F(Writing, MultiPartExrFailures) {
-    const std::vector<ip::Image> images{tagged("linear"), tagged("linear"), tagged("linear")};
+    // Each failure has its err line; a writer's text is taken back off the image it went through.
     EXPECT_FALSE(ip::writeMultiPartEXR({"a", "b"}, images, temp / "short.exr"));
-    expectOnlyMessage(err, "layerNames (arg1) and images (arg2) must be of the same length");
+    expectOnly(err, "layerNames (arg1) and images (arg2) must be of the same length");
     EXPECT_FALSE(fs::exists(temp / "short.exr"));
-
-    log.clear();
-    EXPECT_FALSE(ip::writeMultiPartEXR({"a", "b", "c"}, images, temp / "parts.xyz"));
-    ASSERT_EQ(log.records().size(), 1u);
-    EXPECT_EQ(log.records()[0].message.rfind("Couldn't write image ", 0), 0u);
-
-    // OpenEXR refuses parts of different sizes when all are declared: relayed through image 0.
-    log.clear();
-    const std::vector<ip::Image> sizes{tagged("linear"),
-                                       tagged("linear", 3, OIIO::TypeDesc::FLOAT, 4, 4)};
+    const std::vector<ip::Image> sizes{tagged("linear"), tagged("linear", 3, OIIO::TypeFloat, 4)};
     EXPECT_FALSE(ip::writeMultiPartEXR({"a", "b"}, sizes, temp / "sizes.exr"));
-    ASSERT_EQ(log.atLeast(err).size(), 1u);
-    EXPECT_EQ(log.records()[0].message.rfind("fail to open OpenEXR exception", 0), 0u);
-    EXPECT_NE(log.records()[0].message.find("displayWindow"), std::string::npos);
+    expectOnly(err, "fail to open OpenEXR exception", true);
     EXPECT_FALSE(sizes[0].buffer.has_error());
-
-    // PNG takes the declaration but refuses the second subimage.
-    log.clear();
     EXPECT_FALSE(ip::writeMultiPartEXR({"a", "b", "c"}, images, temp / "parts.png"));
-    expectOnlyMessage(err, "fail to open for subimagepng does not support subimages or MIP levels");
+    expectOnly(err, "fail to open for subimagepng does not support subimages or MIP levels");
     EXPECT_FALSE(images[1].buffer.has_error());
-
-    // Writers that answer an empty declaration themselves say why.
-    for (const auto& [file, reason] :
-         {std::pair{"none.exr", "OpenEXR does not support 0 subimages."},
-          std::pair{"none.gif", "gif does not support 0 subimages."}}) {
-        log.clear();
-        EXPECT_FALSE(ip::writeMultiPartEXR({}, {}, temp / file));
-        expectOnlyMessage(err, std::string("fail to open ") + reason);
+    // The writers that answer an empty declaration themselves say why.
+    for (const std::string format : {"OpenEXR", "gif"}) {
+        EXPECT_FALSE(ip::writeMultiPartEXR({}, {}, temp / ("none." + format)));
+        expectOnly(err, "fail to open " + format + " does not support 0 subimages.");
     }
 }
 
@@ -340,51 +225,67 @@ TEST_F(Writing, AnimatedGifWritesEveryFrameAsEightBitWithTheFrameRate) {
     // A tiled source: the writer is given untiled scanlines.
     frames[1].buffer.specmod().tile_width = 4;
     frames[1].buffer.specmod().tile_height = 4;
-    const std::vector<ip::Image> before = frames;
-    const fs::path file = temp / "anim.gif";
-    ASSERT_TRUE(ip::writeAnimatedGif(frames, file, 12.5f));
-    EXPECT_TRUE(log.records().empty());
-    for (size_t i = 0; i < frames.size(); ++i) {
-        EXPECT_TRUE(unchanged(before[i], frames[i]));
-    }
-    const auto specs = subimages(file);
-    ASSERT_EQ(specs.size(), 3u);
-    for (const auto& spec : specs) {
-        EXPECT_EQ(spec.width, 8);
-        EXPECT_EQ(spec.height, 6);
-        EXPECT_EQ(spec.format, OIIO::TypeDesc::UINT8);
-        // GIF stores a delay of 8 hundredths of a second: 100/8 frames per second.
-        const OIIO::ParamValue* fps = spec.find_attribute("FramesPerSecond");
-        ASSERT_TRUE(fps);
-        ASSERT_EQ(fps->type(), OIIO::TypeRational);
-        EXPECT_EQ(static_cast<const int*>(fps->data())[0], 100);
-        EXPECT_EQ(static_cast<const int*>(fps->data())[1], 8);
-    }
-}
-
-TEST_F(Writing, AnimatedGifFailuresLeaveTheWritersMessageOnTheFrame) {
+    ASSERT_TRUE(ip::writeAnimatedGif(frames, temp / "anim.gif", 12.5f));
     EXPECT_TRUE(ip::writeAnimatedGif({}, temp / "empty.gif", 10.0f));
     EXPECT_TRUE(log.records().empty());
+    // GIF stores a delay of 8 hundredths of a second: 100/8 frames per second; and reads RGBA.
+    EXPECT_EQ(subimages(temp / "anim.gif"), Strings(3, " 4 uint8 8x6 100/8"));
 
-    EXPECT_FALSE(ip::writeAnimatedGif({}, temp / "empty.xyz", 10.0f));
-    ASSERT_EQ(log.records().size(), 1u);
-    EXPECT_EQ(log.records()[0].message.rfind("Couldn't write image ", 0), 0u);
-
-    // A writer that takes one frame only: the first is written, the second refused silently.
-    log.clear();
-    const std::vector<ip::Image> frames{tagged("sRGB"), tagged("sRGB"), tagged("sRGB")};
+    // A writer that takes one frame only: the refusal is left on the frame, unlogged.
     EXPECT_FALSE(ip::writeAnimatedGif(frames, temp / "still.png", 10.0f));
     EXPECT_TRUE(log.records().empty());
-    EXPECT_FALSE(frames[0].buffer.has_error());
     EXPECT_EQ(frames[1].buffer.geterror(), "png does not support subimages or MIP levels");
-    EXPECT_FALSE(frames[2].buffer.has_error());
+    EXPECT_FALSE(frames[0].buffer.has_error() || frames[2].buffer.has_error());
     EXPECT_EQ(subimages(temp / "still.png").size(), 1u);
+    // The frame size guard is the GIF writer's only: others keep frames of different sizes.
+    ASSERT_TRUE(ip::writeAnimatedGif({tagged(""), tagged("", 3, OIIO::TypeFloat, 4, 3)},
+                                     temp / "pages.tif", 10.0f));
+    EXPECT_NE(subimages(temp / "pages.tif").at(1).find(" 4x3 "), std::string::npos);
+}
 
-    // The GIF writer refuses a frame with another channel count.
-    const std::vector<ip::Image> channels{tagged("sRGB"), tagged("sRGB", 1)};
-    EXPECT_FALSE(ip::writeAnimatedGif(channels, temp / "channels.gif", 10.0f));
-    EXPECT_TRUE(log.records().empty());
-    EXPECT_TRUE(channels[1].buffer.has_error());
+/// In a child process: writes `frames` as an animated GIF (no frames: an empty multi-part file)
+/// to `name` in a fresh folder, and reports on stderr, for the parent to match, what that left
+/// behind: the result, the log lines, the subimages in the file and the error on each frame.
+/// Returns (after the folder is removed) the child's exit code.
+int guardedWrite(const std::vector<ip::Image>& frames, const std::string& name) {
+    vorel::test::LogCapture log;
+    const vorel::test::TempDir temp;
+    const fs::path file = temp / name;
+    std::cerr << "written "
+              << (frames.empty() ? ip::writeMultiPartEXR({}, {}, file)
+                                 : ip::writeAnimatedGif(frames, file, 10.0f))
+              << ", logged";
+    for (const auto& record : log.records()) {
+        std::cerr << " [" << spdlog::level::to_string_view(record.level).data() << ' '
+                  << record.message << ']';
+    }
+    std::cerr << ", in file " << subimages(file).size() << ':';
+    for (const ip::Image& frame : frames) {
+        std::cerr << " [" << frame.buffer.geterror() << ']';
+    }
+    return 0;
+}
+
+TEST(WritingGuardsDeathTest, CallsThatWouldCrashOpenImageIOFailLikeTheWriterRefuses) {
+    // A fresh process for each child: OpenImageIO may already run threads in this one.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    // Larger frames overrun the GIF writer's frame store; smaller ones come back reshaped. The
+    // call fails unlogged, with the frames before in the file and the reason on the odd frame.
+    for (const auto& [width, height, index] : {std::tuple{65, 64, 1}, {256, 256, 2}, {32, 64, 1}}) {
+        std::vector<ip::Image> frames(index + 2, makeGradient(64, 64, 3));
+        frames[index] = makeGradient(width, height, 3);
+        EXPECT_EXIT(std::exit(guardedWrite(frames, "anim.gif")), ::testing::ExitedWithCode(0),
+                    fmt::format(R"(^written 0, logged, in file {}: {}\[gif writer can't take a )"
+                                R"({}x{} frame after a 64x64 first frame] \[]$)",
+                                index, index == 1 ? R"(\[] )" : R"(\[] \[] )", width, height));
+    }
+    for (const auto& [name, format] :
+         {std::pair{"none.png", "png"}, {"none.TIF", "tiff"}, {"none.jpg", "jpeg"}}) {
+        EXPECT_EXIT(std::exit(guardedWrite({}, name)), ::testing::ExitedWithCode(0),
+                    fmt::format(R"(^written 0, logged \[error fail to open {} writer can't take )"
+                                R"(0 subimages], in file 0:$)",
+                                format));
+    }
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 
 #include <OpenImageIO/half.h>
 #include <OpenImageIO/imagebufalgo.h>
+#include <OpenImageIO/imagebufalgo_util.h>
 #include <fmt/format.h>
 #include <vorel/base/logging.h>
 
@@ -382,38 +383,21 @@ void normalizeIntegers(const Image& image, OIIO::ImageBuf& result, Remap& remap)
 /// types as 0..1, the scale computePixelStats reports them on. ConstIterator<float> alone would
 /// reinterpret the bytes of any other type as floats.
 template <typename Stored>
-void remapStoredPixels(const OIIO::ImageBuf& source, OIIO::ImageBuf& result, const Remap& remap) {
+bool remapStoredPixels(OIIO::ImageBuf& result, const OIIO::ImageBuf& source, const Remap& remap) {
     for (OIIO::ImageBuf::ConstIterator<Stored, float> it(source); !it.done(); ++it) {
         remap.writePixel(result, it.x(), it.y(), source.nchannels(),
                          [&it](int c) { return it[c]; });
     }
+    return true;
 }
 
 void remapPixels(const OIIO::ImageBuf& source, OIIO::ImageBuf& result, const Remap& remap) {
-    switch (source.pixeltype().basetype) {
-        case OIIO::TypeDesc::UINT8:
-            return remapStoredPixels<std::uint8_t>(source, result, remap);
-        case OIIO::TypeDesc::INT8:
-            return remapStoredPixels<std::int8_t>(source, result, remap);
-        case OIIO::TypeDesc::UINT16:
-            return remapStoredPixels<std::uint16_t>(source, result, remap);
-        case OIIO::TypeDesc::INT16:
-            return remapStoredPixels<std::int16_t>(source, result, remap);
-        case OIIO::TypeDesc::UINT32:
-            return remapStoredPixels<std::uint32_t>(source, result, remap);
-        case OIIO::TypeDesc::INT32:
-            return remapStoredPixels<std::int32_t>(source, result, remap);
-        case OIIO::TypeDesc::UINT64:
-            return remapStoredPixels<std::uint64_t>(source, result, remap);
-        case OIIO::TypeDesc::INT64:
-            return remapStoredPixels<std::int64_t>(source, result, remap);
-        case OIIO::TypeDesc::HALF:
-            return remapStoredPixels<half>(source, result, remap);
-        case OIIO::TypeDesc::DOUBLE:
-            return remapStoredPixels<double>(source, result, remap);
-        default:  // FLOAT
-            return remapStoredPixels<float>(source, result, remap);
-    }
+    using OIIO::TypeDesc;  // OpenImageIO's dispatch macro names the pixel types unqualified
+    bool remapped = false;
+    OIIO_DISPATCH_TYPES(remapped, "normalize", remapStoredPixels, source.spec().format, result,
+                        source, remap);
+    // Nothing is tested after the walk; a pixel type without a case leaves its text on result.
+    static_cast<void>(remapped);
 }
 
 /// Every other pixel type: the range from computePixelStats, then a walk over the pixels.
