@@ -180,9 +180,9 @@ const std::set<std::string> kOpenImageIOCrashes = {
     // TBHD chunk: flags 0x7fffffff, which includes the BLACK flag. The IFF reader aborts the
     // process on its assertion "!(flags & BLACK)" (iffinput.cpp:306) instead of failing.
     "iff-4xuint8/word-32=1",
-    // TBHD chunk: 0xffffffff at byte 44, or 0x7f 0xff 0xff 0xff at byte 48. read_native_tile
-    // reads past its tile buffer (AddressSanitizer: heap-buffer-overflow; valgrind reports the
-    // same invalid reads for oiiotool alone). No crash without the sanitizer, but garbage pixels.
+    // TBHD chunk: 0xff 0xff 0xff 0xff at byte 44, or 0xff 0xff 0xff 0x7f at byte 48. The IFF
+    // reader's read_native_tile reads past its tile buffer (AddressSanitizer: heap-buffer-overflow;
+    // valgrind reports the same invalid reads for oiiotool alone); no crash without a sanitizer.
     "iff-4xuint8/word-44=0",
     "iff-4xuint8/word-48=2",
 };
