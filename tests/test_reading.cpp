@@ -67,49 +67,28 @@ TEST_F(Reading, TakesOnlyTheFirstSubimageOfAMultiPartFile) {
 }
 
 TEST_F(Reading, MissingAndGarbageFilesFailWithOneLineAndNoThrow) {
-    {
-        std::ofstream garbage(temp / "garbage.png", std::ios::binary);
-        garbage << "this is not a PNG file at all";
-    }
+    std::ofstream(temp / "garbage.png", std::ios::binary) << "this is not a PNG file at all";
     for (const std::string name : {"missing.png", "garbage.png"}) {
         SCOPED_TRACE(name);
         const std::string file = (temp / name).string();
         log.clear();
-        const ip::Image image = ip::readImage(file);
-        EXPECT_FALSE(image.buffer.initialized());
-        auto records = log.records();
-        ASSERT_EQ(records.size(), 1u);
+        EXPECT_FALSE(ip::readImage(file).buffer.initialized());
+        const ip::ImageSpec size = ip::getImageSpec(file);
+        EXPECT_EQ(size.width + size.height, 0);
+        // One line each, the reader's at warn and the size query's at err, both with
+        // OpenImageIO's reason after the file name; the source location names the library.
+        const auto records = log.records();
+        ASSERT_EQ(records.size(), 2u);
         EXPECT_EQ(records[0].level, spdlog::level::warn);
-        EXPECT_EQ(records[0].message.rfind("Couldn't read image " + file + ":\n", 0), 0u)
-            << records[0].message;
-        EXPECT_GT(records[0].message.size(), ("Couldn't read image " + file + ":\n").size());
+        EXPECT_EQ(records[1].level, spdlog::level::err);
+        const std::string read = "Couldn't read image " + file + ":\n";
+        const std::string open = "Couldn't open image " + file + ":\n";
+        EXPECT_EQ(records[0].message.substr(0, read.size()), read);
+        EXPECT_GT(records[0].message.size(), read.size());
+        EXPECT_EQ(records[1].message.substr(0, open.size()), open);
         EXPECT_EQ(records[0].funcname, "vorel_usd_image_processing");
         EXPECT_EQ(records[0].filename, "usd/image_processing/src/image_io.cpp");
-
-        log.clear();
-        const ip::ImageSpec size = ip::getImageSpec(file);
-        EXPECT_EQ(size.width, 0);
-        EXPECT_EQ(size.height, 0);
-        records = log.records();
-        ASSERT_EQ(records.size(), 1u);
-        EXPECT_EQ(records[0].level, spdlog::level::err);
-        EXPECT_EQ(records[0].message.rfind("Couldn't open image " + file + ":\n", 0), 0u);
     }
-}
-
-TEST_F(Reading, TruncatedFileDropsThePartialImage) {
-    const ip::Image source = makeGradient(64, 64, 3, OIIO::TypeDesc::UINT8);
-    writeWithOIIO(source.buffer, temp / "whole.png");
-    std::ifstream in(temp / "whole.png", std::ios::binary);
-    std::string bytes((std::istreambuf_iterator<char>(in)), {});
-    std::ofstream(temp / "cut.png", std::ios::binary) << bytes.substr(0, bytes.size() / 2);
-
-    const ip::Image image = ip::readImage(temp / "cut.png");
-    EXPECT_FALSE(image.buffer.initialized());
-    ASSERT_EQ(log.records().size(), 1u);
-    EXPECT_EQ(log.records()[0].level, spdlog::level::warn);
-    // The size is still known: only the pixels are broken.
-    EXPECT_EQ(ip::getImageSpec(temp / "cut.png").width, 64);
 }
 
 TEST_F(Reading, CreateImageFromDataCopiesTheCallersPixels) {
