@@ -58,11 +58,13 @@ const std::set<std::string> kOpenImageIOCrashes = {
     "iff-4xuint8/word-48=2",
 };
 
-/// Appends the damaged files of one valid file. Apart from truncations and wrong extensions, all
-/// damage overwrites some bytes at an offset. std::mt19937's sequence is fixed by the C++
-/// standard and only its raw output is used: the same corpus, and recipe names, on every machine.
-void addDamaged(const Sample& valid, unsigned seed, const std::vector<std::string>& extensions,
+/// Appends a valid file and the damaged files derived from it. Apart from truncations and wrong
+/// extensions, all damage overwrites some bytes at an offset. std::mt19937's sequence is fixed by
+/// the C++ standard and only its raw output is used: the same corpus, and recipe names, on every
+/// machine.
+void addDamaged(Sample valid, unsigned seed, const std::vector<std::string>& extensions,
                 std::vector<Sample>& out) {
+    out.push_back(valid);
     const std::string& bytes = valid.bytes;
     const size_t size = bytes.size();
     std::mt19937 random(seed);
@@ -99,10 +101,8 @@ void addDamaged(const Sample& valid, unsigned seed, const std::vector<std::strin
         overwrite("word-" + n(offset) + "=" + n(word), offset, std::string(kWords[word], 4));
     }
     // Zeroed headers of growing length, and 16 zeroed bytes at every tenth.
-    for (const size_t length : {1, 2, 4, 8, 16, 32, 64, 128, 256}) {
-        if (length < size) {
-            overwrite("zero-0+" + n(length), 0, std::string(length, '\0'));
-        }
+    for (size_t length = 1; length <= 256 && length < size; length *= 2) {
+        overwrite("zero-0+" + n(length), 0, std::string(length, '\0'));
     }
     for (size_t k = 1; k < 10; ++k) {
         const size_t offset = size * k / 10;
@@ -124,9 +124,9 @@ void addDamaged(const Sample& valid, unsigned seed, const std::vector<std::strin
 }
 
 /// The valid files, written by OpenImageIO itself from gradients so that they hold real data, and
-/// their damaged versions, each distinct file once. 64 pixels wide: OpenImageIO 2.4.7's HEIF
-/// writer reads past the end of the caller's pixels for images narrower than that
-/// (AddressSanitizer: heap-buffer-overflow in HeifOutput::write_scanline, widths 16 to 63).
+/// their damaged versions. 64 pixels wide: OpenImageIO 2.4.7's HEIF writer reads past the end of
+/// the caller's pixels for images narrower than that (AddressSanitizer: heap-buffer-overflow in
+/// HeifOutput::write_scanline, widths 16 to 63).
 std::vector<Sample> corpus(const fs::path& folder) {
     std::vector<std::string> extensions;  // in table order; a format's rows are neighbours
     for (const Format& format : kFormats) {
@@ -141,19 +141,9 @@ std::vector<Sample> corpus(const fs::path& folder) {
         vorel::test::writeWithOIIO(
             vorel::test::makeGradient(64, 12, format.channels, format.type, 0.002f).buffer, path);
         std::ifstream in(path, std::ios::binary);
-        const Sample valid{recipe, format.extension, {std::istreambuf_iterator<char>(in), {}}};
-        all.push_back(valid);
-        addDamaged(valid, static_cast<unsigned>(1000 + (&format - kFormats)), extensions, all);
+        addDamaged({recipe, format.extension, {std::istreambuf_iterator<char>(in), {}}},
+                   static_cast<unsigned>(1000 + (&format - kFormats)), extensions, all);
     }
-    // Different recipes can give the same file (a truncation meeting a flipped byte's end); each
-    // file is tried once.
-    std::set<std::pair<std::string, std::string>> seen;
-    all.erase(std::remove_if(all.begin(), all.end(),
-                             [&](const Sample& sample) {
-                                 return kOpenImageIOCrashes.count(sample.recipe) != 0 ||
-                                        !seen.insert({sample.extension, sample.bytes}).second;
-                             }),
-              all.end());
     return all;
 }
 
@@ -164,8 +154,7 @@ constexpr int kCrashSignals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT};
 struct sigaction previousActions[NSIG];
 
 extern "C" void reportCrash(int signalNumber) {
-    [[maybe_unused]] const ssize_t ignored =
-        write(STDERR_FILENO, crashNote.data(), crashNote.size());
+    [[maybe_unused]] ssize_t n = write(STDERR_FILENO, crashNote.data(), crashNote.size());
     // The previous handler (the default one, or the sanitizer's with its stack trace) takes over.
     sigaction(signalNumber, &previousActions[signalNumber], nullptr);
     std::raise(signalNumber);
@@ -202,7 +191,7 @@ using Lines = std::vector<std::string>;
 class RobustnessCorpus : public vorel::test::LibraryTest {
 protected:
     /// Expects no log line for no `prefixes`, else exactly one, at `level`, from the library,
-    /// starting with one of `prefixes` (OpenImageIO's own text follows).
+    /// starting with one of `prefixes` (OpenImageIO's own text follows); then clears the log.
     void expectLog(const char* call, spdlog::level::level_enum level, const Lines& prefixes) {
         const auto records = log.records();
         const bool one = records.size() == 1 && records[0].level == level &&
@@ -212,6 +201,7 @@ protected:
                          });
         EXPECT_TRUE(prefixes.empty() ? records.empty() : one)
             << call << ": " << records.size() << " log lines";
+        log.clear();
     }
 
     /// Expects an image of the size getImageSpec gave with no line logged, or the empty Image
@@ -219,10 +209,10 @@ protected:
     void expectContract(const char* call, const ip::Image& image, const ip::ImageSpec& size,
                         spdlog::level::level_enum level, const Lines& prefixes) {
         const bool read = image.buffer.initialized();
-        EXPECT_TRUE(image.properties.empty()) << call;
-        EXPECT_TRUE(!read || (image.buffer.spec().width == size.width &&
-                              image.buffer.spec().height == size.height))
-            << call << ": size differs from getImageSpec's";
+        EXPECT_TRUE(image.properties.empty() &&
+                    (!read || (image.buffer.spec().width == size.width &&
+                               image.buffer.spec().height == size.height)))
+            << call << ": properties, or a size other than getImageSpec's";
         expectLog(call, level, read ? Lines{} : prefixes);
     }
 
@@ -237,14 +227,12 @@ protected:
                   failed ? Lines{"Couldn't open image " + file + ":\n"} : Lines{});
         const bool huge = int64_t{size.width} * size.height > kHugePixelCount;
         if (!(huge && kUnderAddressSanitizer)) {
-            log.clear();
             const ip::Image image = ip::readImage(path);
             ++(image.buffer.initialized() ? read_ : refused_);
             expectContract("readImage", image, size, spdlog::level::warn,
                            {"Couldn't read image " + file + ":\n"});
         }
         if (!huge) {
-            log.clear();
             const ip::Image asset = ip::getImageFromAssetPath(file);
             loaded_ += asset.buffer.initialized() ? 1 : 0;
             expectContract("getImageFromAssetPath", asset, size, spdlog::level::err,
@@ -262,10 +250,15 @@ TEST_F(RobustnessCorpus, EveryDamagedFileGivesAConsistentImageOrOneFailureLine) 
     for (const int signalNumber : kCrashSignals) {
         sigaction(signalNumber, &action, &previousActions[signalNumber]);
     }
-    const std::vector<Sample> samples = corpus(temp.path());
-    ASSERT_GT(samples.size(), 2000u);
-    for (size_t i = 0; i < samples.size(); i += kStride) {
-        const Sample& sample = samples[i];
+    // Different recipes can give the same file (a truncation meeting a flipped byte's end): each
+    // distinct file counts once, and every kStride-th of them is tried.
+    std::set<std::pair<std::string, std::string>> seen;
+    size_t distinct = 0;
+    for (const Sample& sample : corpus(temp.path())) {
+        if (kOpenImageIOCrashes.count(sample.recipe) != 0 ||
+            !seen.insert({sample.extension, sample.bytes}).second || distinct++ % kStride != 0) {
+            continue;
+        }
         SCOPED_TRACE(sample.recipe);
         crashNote = "\n*** crash while reading corpus file: " + sample.recipe + "\n";
         const fs::path path = temp / ("corpus" + sample.extension);
@@ -275,9 +268,9 @@ TEST_F(RobustnessCorpus, EveryDamagedFileGivesAConsistentImageOrOneFailureLine) 
     }
     crashNote.clear();
     // Both outcomes must be well represented, or the corpus doesn't test what it claims to.
-    const int tried = static_cast<int>(samples.size() / kStride);
-    EXPECT_TRUE(read_ > tried / 10 && refused_ > tried / 3 && loaded_ > tried / 10)
-        << read_ << " read, " << refused_ << " refused, " << loaded_ << " loaded of " << tried;
+    EXPECT_GT(distinct, 2000u);
+    EXPECT_TRUE(read_ > 100 && refused_ > 100 && loaded_ > 100)
+        << read_ << " read, " << refused_ << " refused, " << loaded_ << " loaded";
 }
 
 }  // namespace
