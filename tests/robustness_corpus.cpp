@@ -3,6 +3,7 @@
 // a consistent image or with its one failure line, and must neither throw nor crash.
 
 #include <unistd.h>
+#include <algorithm>
 #include <csignal>
 #include <fstream>
 #include <iterator>
