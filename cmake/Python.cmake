@@ -17,7 +17,7 @@ elseif(NOT _vorel_python STREQUAL "OFF")
     if(NOT Python3_EXECUTABLE AND EXISTS /usr/bin/python3)
         set(Python3_EXECUTABLE /usr/bin/python3 CACHE FILEPATH "Python 3 interpreter for the Python module")
     endif()
-    find_package(Python3 3.7 COMPONENTS Interpreter Development.Module QUIET)
+    find_package(Python3 3.7 COMPONENTS Interpreter Development QUIET)
     if(Python3_FOUND)
         find_package(pybind11 CONFIG QUIET)
         execute_process(COMMAND ${Python3_EXECUTABLE} -c "import numpy"
