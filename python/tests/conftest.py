@@ -1,4 +1,6 @@
 import logging
+import pathlib
+import tempfile
 
 import numpy as np
 import pytest
@@ -6,6 +8,13 @@ import pytest
 import vorel_usd_image_processing as vip
 
 LOGGER = "vorel_usd_image_processing"
+
+
+@pytest.fixture
+def tmp_path():
+    """A fresh folder, removed with its files afterwards (pytest's own keeps recent ones)."""
+    with tempfile.TemporaryDirectory(prefix="vorel_python_test_") as folder:
+        yield pathlib.Path(folder)
 
 
 @pytest.fixture
