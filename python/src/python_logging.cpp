@@ -18,12 +18,14 @@ namespace {
 
 namespace py = pybind11;
 
+/// Python's number for a level (logging.DEBUG is 10 ... logging.CRITICAL 50); spdlog's trace
+/// goes just below DEBUG.
 int pythonLevel(spdlog::level::level_enum level) {
     switch (level) {
         case spdlog::level::trace:
             return 5;
         case spdlog::level::debug:
-            return 10;  // logging.DEBUG
+            return 10;
         case spdlog::level::info:
             return 20;
         case spdlog::level::warn:
