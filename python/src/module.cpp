@@ -1,0 +1,345 @@
+// The Python module vorel_usd_image_processing: the library's functions and types under their C++
+// names, with Python's types at the edges (str or os.PathLike for paths, lists, dicts, NumPy
+// arrays for pixels). Calls release the GIL while the library works; log lines go to Python's
+// logging.
+
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
+#include <pybind11/stl/filesystem.h>
+#include <pybind11/stl_bind.h>
+
+#include <vorel/usd/image_processing/image_processing.h>
+
+#include "pixel_arrays.h"
+#include "python_logging.h"
+#include "without_gil.h"
+
+// Image.properties is the image's own map, changed in place from Python, not a copy.
+PYBIND11_MAKE_OPAQUE(std::map<std::string, std::string>)
+
+namespace ip = vorel::usd::image_processing;
+namespace ipy = vorel::usd::image_processing::python;
+namespace py = pybind11;
+using namespace py::literals;
+
+namespace {
+
+using Properties = std::map<std::string, std::string>;
+
+/// ROI's default in the signatures: the whole image.
+const OIIO::ROI kWholeImage;
+/// The channel end of a defined ROI when none is given: every channel.
+constexpr int kAllChannels = OIIO::ROI(0, 1, 0, 1).chend;
+
+std::string roiRepr(const OIIO::ROI& roi) {
+    if (!roi.defined()) {
+        return "ROI()";
+    }
+    return "ROI(" + std::to_string(roi.xbegin) + ", " + std::to_string(roi.xend) + ", " +
+           std::to_string(roi.ybegin) + ", " + std::to_string(roi.yend) + ", " +
+           std::to_string(roi.chbegin) + ", " + std::to_string(roi.chend) + ")";
+}
+
+std::string imageRepr(const ip::Image& image) {
+    if (!image.buffer.initialized()) {
+        return "<Image empty>";
+    }
+    const OIIO::ImageSpec& spec = image.buffer.spec();
+    return "<Image " + std::to_string(spec.width) + "x" + std::to_string(spec.height) + ", " +
+           std::to_string(spec.nchannels) + " channels of " + spec.format.c_str() + ">";
+}
+
+std::vector<std::string> channelNames(const ip::Image& image) {
+    return image.buffer.spec().channelnames;
+}
+
+void bindImage(py::module_& m) {
+    py::bind_map<Properties>(m, "Properties",
+                             "The str to str map that travels with an Image (a dict-like view).");
+
+    py::class_<ip::Image>(m, "Image", R"doc(
+An image: OpenImageIO's pixels, size, channels, pixel type and attributes, plus `properties`, a
+str to str map that travels with it. Image() is the empty Image, the failure value of every
+function returning an Image; it is falsy (bool(image) is buffer.initialized()).)doc")
+        .def(py::init<>())
+        .def("__bool__", [](const ip::Image& image) { return image.buffer.initialized(); })
+        .def("__copy__", [](const ip::Image& image) { return ip::Image(image); })
+        .def(
+            "__deepcopy__", [](const ip::Image& image, py::dict) { return ip::Image(image); },
+            "memo"_a)
+        .def("__repr__", &imageRepr)
+        .def_property(
+            "properties", [](ip::Image& image) -> Properties& { return image.properties; },
+            [](ip::Image& image, const py::dict& entries) {
+                Properties replacement;
+                for (const auto& [key, value] : entries) {
+                    replacement[key.cast<std::string>()] = value.cast<std::string>();
+                }
+                image.properties = std::move(replacement);
+            },
+            py::return_value_policy::reference_internal,
+            "The image's own str to str map; assign a dict to replace it.")
+        .def_property_readonly("width",
+                               [](const ip::Image& image) { return image.buffer.spec().width; })
+        .def_property_readonly("height",
+                               [](const ip::Image& image) { return image.buffer.spec().height; })
+        .def_property_readonly("nchannels",
+                               [](const ip::Image& image) { return image.buffer.spec().nchannels; })
+        .def_property_readonly("channel_names", &channelNames)
+        .def_property_readonly(
+            "dtype",
+            [](const ip::Image& image) { return ipy::dtypeOf(image.buffer.spec().format); },
+            "The NumPy dtype of the pixel type.")
+        .def(
+            "geterror",
+            [](const ip::Image& image, bool clear) { return image.buffer.geterror(clear); },
+            "clear"_a = true,
+            "The error pending on the image's buffer, such as a frame refused by "
+            "writeAnimatedGif.")
+        .def("pixels", &ipy::pixelArray, R"doc(
+The pixels as a NumPy array of shape (height, width, channels) in the image's own pixel type,
+sharing the image's memory: no copy is made, writes go to the image, and the array keeps the
+image alive. While such arrays exist, operations that replace the image's pixels in place
+(addAlphaChannel, compositeOverBackgroundColor, colorConvertByFormat, idImageToMask) raise
+ValueError. Raises ValueError for an image without pixels.)doc")
+        .def_static("from_array", &ipy::imageFromArray, "array"_a, R"doc(
+A new Image holding a copy of a C-contiguous array of shape (height, width) or (height, width,
+channels) of uint8, int8, uint16, int16, uint32, int32, float16, float32 or float64, made by
+createImageFromData. Raises TypeError for another dtype and ValueError for another shape, an
+empty or a non-contiguous array.)doc");
+
+    py::class_<ip::ImageSpec>(m, "ImageSpec",
+                              "Width and height of an image file; (0, 0) on failure.")
+        .def(py::init([](int width, int height) {
+                 return ip::ImageSpec{width, height};
+             }),
+             "width"_a = 0, "height"_a = 0)
+        .def_readwrite("width", &ip::ImageSpec::width)
+        .def_readwrite("height", &ip::ImageSpec::height)
+        .def("__eq__",
+             [](const ip::ImageSpec& a, const ip::ImageSpec& b) {
+                 return a.width == b.width && a.height == b.height;
+             })
+        .def("__repr__", [](const ip::ImageSpec& spec) {
+            return "ImageSpec(" + std::to_string(spec.width) + ", " + std::to_string(spec.height) +
+                   ")";
+        });
+
+    py::enum_<ip::PreMultMode>(m, "PreMultMode", "What preMultiply does with alpha.")
+        .value("Premult", ip::PreMultMode::Premult)
+        .value("Unpremult", ip::PreMultMode::Unpremult)
+        .value("Repremult", ip::PreMultMode::Repremult);
+
+    py::class_<OIIO::ROI>(m, "ROI", R"doc(
+A region: columns xbegin..xend-1, rows ybegin..yend-1, channels chbegin..chend-1. ROI() is the
+whole image.)doc")
+        .def(py::init<>())
+        .def(py::init([](int xbegin, int xend, int ybegin, int yend, int chbegin, int chend) {
+                 return OIIO::ROI(xbegin, xend, ybegin, yend, 0, 1, chbegin, chend);
+             }),
+             "xbegin"_a, "xend"_a, "ybegin"_a, "yend"_a, "chbegin"_a = 0, "chend"_a = kAllChannels)
+        .def_readwrite("xbegin", &OIIO::ROI::xbegin)
+        .def_readwrite("xend", &OIIO::ROI::xend)
+        .def_readwrite("ybegin", &OIIO::ROI::ybegin)
+        .def_readwrite("yend", &OIIO::ROI::yend)
+        .def_readwrite("chbegin", &OIIO::ROI::chbegin)
+        .def_readwrite("chend", &OIIO::ROI::chend)
+        .def_property_readonly("defined", &OIIO::ROI::defined, "False for the whole image.")
+        .def("__eq__", [](const OIIO::ROI& a, const OIIO::ROI& b) { return a == b; })
+        .def("__repr__", &roiRepr);
+}
+
+void bindTagsAndPixels(py::module_& m) {
+    m.def("getColorSpace", &ip::getColorSpace, "image"_a,
+          "The colour-space tag (\"oiio:ColorSpace\"), or \"\" when the image has none.");
+    m.def("setColorSpace", &ip::setColorSpace, "image"_a, "colorSpace"_a,
+          "Sets the colour-space tag without converting pixels; warns for \"\" and \"unknown\".");
+    m.def("getNumChannels", &ip::getNumChannels, "image"_a,
+          "The number of channels; 0 for the empty Image.");
+    m.def("getPixelValue", &ip::getPixelValue, "image"_a, "x"_a, "y"_a, "z"_a, "channel"_a,
+          "One sample as a float (integer types scaled to 0..1); 0.0 outside the image.");
+    m.def("getPixelUIntValue", &ip::getPixelUIntValue, "image"_a, "x"_a, "y"_a, "z"_a, "channel"_a,
+          "One stored sample of a uint32 image; 0 and an error log otherwise.");
+}
+
+void bindReading(py::module_& m) {
+    m.def("readImage", ipy::withoutGil(&ip::readImage), "path"_a,
+          "Reads the first subimage of a file in its own pixel type; the empty Image on failure.");
+    m.def("getImageSpec", ipy::withoutGil(&ip::getImageSpec), "path"_a,
+          "Width and height of a file without reading pixels; ImageSpec(0, 0) on failure.");
+    m.def(
+        "createImageFromData",
+        [](const py::buffer& data, int width, int height, int numChannels,
+           const py::object& format) {
+            const OIIO::TypeDesc type = ipy::typeDescOf(py::dtype::from_args(format));
+            const py::buffer_info info = data.request();
+            ipy::requireEnoughData(info, width, height, numChannels, type);
+            return ipy::callWithoutGil([&] {
+                return ip::createImageFromData(info.ptr, width, height, numChannels, type);
+            });
+        },
+        "data"_a, "width"_a, "height"_a, "numChannels"_a, "format"_a,
+        "A new image holding a copy of C-ordered samples of NumPy dtype `format` from any buffer "
+        "(bytes, bytearray, array); the empty Image on failure. Raises ValueError for too little "
+        "data.");
+    m.def("getImageFromAssetPath", ipy::withoutGil(&ip::getImageFromAssetPath), "assetPath"_a,
+          "Loads an image that a USD scene names, through Hio; samples are always uint8.");
+    m.def(
+        "getNumChannelsFromHgiFormat",
+        [](int format) {
+            return ip::getNumChannelsFromHgiFormat(static_cast<PXR_NS::HgiFormat>(format));
+        },
+        "format"_a, "Channels of an HgiFormat value (an int); 0 for unsupported formats.");
+    m.def(
+        "getOIIOTypeDescFromHgiFormat",
+        [](int format) {
+            return ipy::dtypeOf(
+                ip::getOIIOTypeDescFromHgiFormat(static_cast<PXR_NS::HgiFormat>(format)));
+        },
+        "format"_a, "The NumPy dtype of one channel of an HgiFormat value (an int).");
+    m.def("getSupportedImageExtensions", &ip::getSupportedImageExtensions,
+          "Every file extension OpenImageIO knows, without the dot.");
+}
+
+void bindWriting(py::module_& m) {
+    m.def(
+        "colorConvertByFormat",
+        [](ip::Image& image, const std::filesystem::path& path) {
+            ipy::requireNoPixelArrays(image, "colorConvertByFormat");
+            return ipy::callWithoutGil([&] { return ip::colorConvertByFormat(image, path); });
+        },
+        "image"_a, "path"_a,
+        "Converts the image in place to the colour space the extension of `path` calls for "
+        "(\"sRGB\" or \"linear\"); True when a conversion ran.");
+    m.def("writeImage", ipy::withoutGil(&ip::writeImage), "image"_a, "path"_a,
+          "compressionLevel"_a = -1,
+          "Writes the image; the format follows from the file name. False on failure.");
+    m.def("writeMultiPartEXR", ipy::withoutGil(&ip::writeMultiPartEXR), "layerNames"_a, "images"_a,
+          "path"_a, "Writes the images as the named parts of one file. False on failure.");
+    m.def(
+        "writeAnimatedGif",
+        [](const std::vector<ip::Image*>& frames, const std::filesystem::path& path,
+           float framesPerSecond) {
+            std::vector<ip::Image> copies;
+            copies.reserve(frames.size());
+            for (const ip::Image* frame : frames) {
+                copies.push_back(*frame);
+            }
+            const bool written = ipy::callWithoutGil(
+                [&] { return ip::writeAnimatedGif(copies, path, framesPerSecond); });
+            // A refused frame's reason belongs on the caller's frame, where geterror() finds it.
+            for (std::size_t i = 0; i < copies.size(); ++i) {
+                if (copies[i].buffer.has_error()) {
+                    frames[i]->buffer.error(copies[i].buffer.geterror(true));
+                }
+            }
+            return written;
+        },
+        "frames"_a, "path"_a, "framesPerSecond"_a,
+        "Writes the frames as an animation. False on failure; a refused frame's reason is "
+        "pending on that frame (frame.geterror()).");
+}
+
+void bindMetadata(py::module_& m) {
+    m.def("getMetadataFromImage", &ip::getMetadataFromImage, "image"_a,
+          "Every attribute of the image as a dict of str, int, float or lists of them.");
+    m.def("addMetadataToImage", &ip::addMetadataToImage, "image"_a, "metadata"_a,
+          "Writes str, int and float entries as attributes; False at the first other value.");
+}
+
+void bindOperations(py::module_& m) {
+    const auto whole = py::arg_v("roi", kWholeImage, "ROI()");
+    m.def("cut", ipy::withoutGil(&ip::cut), "image"_a, "roi"_a,
+          "The region `roi`, moved to the origin.");
+    m.def("fit", ipy::withoutGil(&ip::fit), "image"_a, "roi"_a,
+          "The image scaled into `roi` with its aspect ratio kept.");
+    m.def("resize", ipy::withoutGil(&ip::resize), "image"_a, "roi"_a,
+          "The image resampled to the size of `roi`.");
+    m.def("rotate", ipy::withoutGil(&ip::rotate), "image"_a, "angle"_a, "recomputeRoi"_a,
+          "The image rotated by `angle` radians about its centre.");
+    m.def("paste", ipy::withoutGil(&ip::paste), "dst"_a, "x"_a, "y"_a, "src"_a, whole,
+          "Writes `roi` of `src` into `dst` at (x, y), in place. False on failure.");
+    m.def("over", ipy::withoutGil(&ip::over), "foreground"_a, "background"_a, whole,
+          "`foreground` composited over `background` (both with alpha).");
+    m.def("createSolidColorImage", ipy::withoutGil(&ip::createSolidColorImage), "color"_a, "roi"_a,
+          "A float image covering `roi` filled with `color`, one value per channel.");
+    m.def(
+        "compositeOverBackgroundColor",
+        [](ip::Image& image, const std::vector<float>& backgroundColor) {
+            ipy::requireNoPixelArrays(image, "compositeOverBackgroundColor");
+            ipy::callWithoutGil([&] { ip::compositeOverBackgroundColor(image, backgroundColor); });
+        },
+        "image"_a, "backgroundColor"_a,
+        "Flattens an RGBA image over a solid colour (R, G, B, A), in place.");
+    m.def("preMultiply", ipy::withoutGil(&ip::preMultiply), "image"_a, "mode"_a,
+          "The image premultiplied, unpremultiplied or repremultiplied by its alpha.");
+    m.def(
+        "addAlphaChannel",
+        [](ip::Image& image, float alpha) {
+            ipy::requireNoPixelArrays(image, "addAlphaChannel");
+            return ipy::callWithoutGil([&] { return ip::addAlphaChannel(image, alpha); });
+        },
+        "image"_a, "alpha"_a,
+        "Gives a 3-channel image an alpha channel of value `alpha`, in place; False otherwise.");
+    m.def("colorConvert", ipy::withoutGil(&ip::colorConvert), "image"_a, "fromSpace"_a, "toSpace"_a,
+          "The pixels converted from one named colour space to another.");
+    m.def(
+        "shuffle",
+        [](const ip::Image& image, int channelCount, const std::vector<int>& channelOrder) {
+            if (channelCount < 0 || channelOrder.size() < static_cast<std::size_t>(channelCount)) {
+                throw py::value_error(
+                    "shuffle needs a channelOrder entry for each of the "
+                    "channelCount channels");
+            }
+            return ipy::callWithoutGil(
+                [&] { return ip::shuffle(image, channelCount, channelOrder); });
+        },
+        "image"_a, "channelCount"_a, "channelOrder"_a,
+        "A new image whose channel i is the source's channel channelOrder[i] (negative: 0).");
+    m.def("channelAppend", ipy::withoutGil(&ip::channelAppend), "first"_a, "second"_a, whole,
+          "The channels of `first` followed by those of `second`.");
+    m.def("invert", ipy::withoutGil(&ip::invert), "image"_a, whole,
+          "1 - v for every sample within `roi`.");
+    m.def("invertChannel", ipy::withoutGil(&ip::invertChannel), "image"_a, "channelName"_a,
+          "The image with the channel named `channelName` inverted.");
+    m.def("normalize", ipy::withoutGil(&ip::normalize), "image"_a, "targetMin"_a, "targetMax"_a,
+          "channelNames"_a = std::vector<std::string>{},
+          "Remaps the named channels (R, G, B by default) onto targetMin..targetMax.");
+}
+
+void bindIdImages(py::module_& m) {
+    m.def("convertIdImageToUint", ipy::withoutGil(&ip::convertIdImageToUint), "image"_a,
+          "Turns an int32 ID image into uint32 in place (negative IDs to 0, n to n + 1).");
+    m.def(
+        "idImageToMask",
+        [](ip::Image& image) {
+            ipy::requireNoPixelArrays(image, "idImageToMask");
+            ipy::callWithoutGil([&] { ip::idImageToMask(image); });
+        },
+        "image"_a, "Replaces a one-channel int32 ID image by a dilated 4-channel uint8 mask.");
+}
+
+}  // namespace
+
+PYBIND11_MODULE(vorel_usd_image_processing, m) {
+    m.doc() = R"doc(
+Image reading, writing and operations for USD pipelines, over OpenImageIO. The functions keep
+their C++ names and failure values: an empty (falsy) Image, False or 0, with the reason in the
+"vorel_usd_image_processing" logger of Python's logging.)doc";
+    ipy::bindPixelArrays(m);
+    bindImage(m);
+    bindTagsAndPixels(m);
+    bindReading(m);
+    bindWriting(m);
+    bindMetadata(m);
+    bindOperations(m);
+    bindIdImages(m);
+    ipy::installLoggingBridge();
+}

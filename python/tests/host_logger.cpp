@@ -1,0 +1,33 @@
+// A C++ host that set up its own spdlog default logger and then imports the module: the module
+// must leave that logger in place, and the library's messages must keep arriving there.
+
+#include <cstdio>
+#include <memory>
+#include <sstream>
+#include <string>
+
+#include <pybind11/embed.h>
+#include <spdlog/sinks/ostream_sink.h>
+#include <spdlog/spdlog.h>
+
+int main() {
+    std::ostringstream lines;
+    auto hostLogger = std::make_shared<spdlog::logger>(
+        "host", std::make_shared<spdlog::sinks::ostream_sink_mt>(lines));
+    spdlog::set_default_logger(hostLogger);
+    {
+        pybind11::scoped_interpreter interpreter;
+        pybind11::exec(
+            "import vorel_usd_image_processing as vip\n"
+            "assert not vip.readImage('/nonexistent/host.png')\n");
+    }
+    const std::string logged = lines.str();
+    const bool reachedHost =
+        logged.find("[warning]") != std::string::npos &&
+        logged.find("Couldn't read image /nonexistent/host.png") != std::string::npos;
+    if (spdlog::default_logger() != hostLogger || !reachedHost) {
+        std::fprintf(stderr, "the host's logger was bypassed; it holds:\n%s", logged.c_str());
+        return 1;
+    }
+    return 0;
+}

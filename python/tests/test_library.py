@@ -1,0 +1,131 @@
+import logging
+import subprocess
+import sys
+import threading
+
+import numpy as np
+import pytest
+
+import vorel_usd_image_processing as vip
+from conftest import LOGGER, gradient
+
+
+def records_at_least(log, level):
+    return [(r.levelno, r.getMessage()) for r in log.records
+            if r.name == LOGGER and r.levelno >= level]
+
+
+def test_colour_policy_converts_for_the_extension_and_writes(tmp_path, log):
+    image = vip.Image.from_array(np.full((2, 2, 3), 0.5, dtype=np.float32))
+    vip.setColorSpace(image, "linear")
+    image.properties = {"shot": "010"}
+
+    assert vip.colorConvertByFormat(image, tmp_path / "out.PNG")
+    assert vip.getColorSpace(image) == "sRGB" and dict(image.properties) == {"shot": "010"}
+    assert image.pixels()[0, 0, 0] == pytest.approx(0.7354, abs=1e-3)
+    assert (logging.DEBUG, "Converted image from 'linear' to 'sRGB' for extension '.png'") \
+        in records_at_least(log, logging.DEBUG)
+    assert not vip.colorConvertByFormat(image, "again.jpg")
+    assert log.records[-1].getMessage() == "No color conversion needed for extension '.jpg'"
+
+    assert vip.writeImage(image, tmp_path / "out.png", 9)
+    back = vip.readImage(tmp_path / "out.png")
+    assert back.dtype == np.uint8 and vip.getColorSpace(back) == "sRGB"
+    assert back.pixels()[1, 1, 2] == round(0.7354 * 255)
+    assert dict(back.properties) == {}
+
+
+def test_failures_give_the_failure_value_and_one_record(tmp_path, log):
+    image = vip.Image.from_array(gradient())
+    missing = tmp_path / "missing.png"
+    cases = [
+        (lambda: vip.readImage(missing), logging.WARNING, f"Couldn't read image {missing}:\n"),
+        (lambda: vip.getImageSpec(missing).width, logging.ERROR, f"Couldn't open image {missing}:\n"),
+        (lambda: vip.writeImage(image, tmp_path / "x.unknown"), logging.ERROR,
+         "Couldn't write image "),
+        (lambda: vip.resize(image, vip.ROI(0, 0, 0, 0)), logging.ERROR,
+         "Resize operation failed:\n"),
+        (lambda: vip.invertChannel(image, "Q"), logging.ERROR, "Given channel 'Q' doesn't exist"),
+        (lambda: vip.getPixelUIntValue(image, 0, 0, 0, 0), logging.ERROR,
+         "getPixelUIntValue requires UINT image, but image is float"),
+        (lambda: vip.addMetadataToImage(image, {"list": [1, 2]}), logging.ERROR,
+         "Unsupported metadata value type"),
+    ]
+    for call, level, message in cases:
+        log.clear()
+        assert not call(), message
+        records = [r for r in log.records if r.levelno >= logging.WARNING]
+        assert [r.levelno for r in records] == [level], message
+        assert records[0].getMessage().startswith(message)
+        assert records[0].funcName == LOGGER and records[0].pathname.endswith(".cpp")
+    assert not any(p.name == "x.unknown" for p in tmp_path.iterdir())
+
+
+def test_operations_metadata_and_writers(tmp_path, log):
+    rgba = vip.Image.from_array(gradient(channels=4))
+    rgba.properties["asset"] = "chair"
+    crop = vip.cut(rgba, vip.ROI(1, 3, 0, 2))
+    assert crop.pixels().shape == (2, 2, 4) and dict(crop.properties) == {"asset": "chair"}
+    np.testing.assert_array_equal(crop.pixels(), rgba.pixels()[0:2, 1:3])
+    swapped = vip.shuffle(rgba, 2, [3, 0])
+    np.testing.assert_array_equal(swapped.pixels(), rgba.pixels()[..., [3, 0]])
+    with pytest.raises(ValueError):
+        vip.shuffle(rgba, 3, [0])
+    normalized = vip.normalize(rgba, 0.0, 1.0, ["R"])
+    assert normalized.pixels()[..., 0].min() == 0.0 and normalized.pixels()[..., 0].max() == 1.0
+    assert vip.preMultiply(rgba, vip.PreMultMode.Unpremult)
+
+    assert vip.addMetadataToImage(rgba, {"Note": "take 2", "Frame": 12, "Gain": 1.5})
+    metadata = vip.getMetadataFromImage(rgba)
+    assert (metadata["Note"], metadata["Frame"], metadata["Gain"]) == ("take 2", 12, 1.5)
+
+    assert vip.writeMultiPartEXR(["a", "b"], [rgba, vip.invert(rgba)], tmp_path / "layers.exr")
+    np.testing.assert_array_equal(vip.readImage(tmp_path / "layers.exr").pixels(), rgba.pixels())
+    small = vip.Image.from_array(gradient(height=2, width=2, channels=4, dtype=np.uint8))
+    frames = [vip.Image.from_array(gradient(channels=4, dtype=np.uint8)), small]
+    assert not vip.writeAnimatedGif(frames, tmp_path / "anim.gif", 12.0)
+    assert frames[0].geterror() == "" and frames[1].geterror() != ""
+
+
+def test_eight_threads_give_what_one_gives(tmp_path, log):
+    path = tmp_path / "plate.exr"
+    assert vip.writeImage(vip.Image.from_array(gradient(64, 48, 4)), path)
+    log.clear()
+
+    def road(index):
+        image = vip.fit(vip.readImage(path), vip.ROI(0, 32, 0, 32))
+        image = vip.normalize(vip.invert(image), 0.1, 0.9)
+        vip.readImage(tmp_path / f"missing{index}.png")  # one warning per thread
+        return image.pixels().copy()
+
+    expected = road(-1)
+    results = [None] * 8
+    threads = [threading.Thread(target=lambda i=i: results.__setitem__(i, road(i)))
+               for i in range(8)]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+    for result in results:
+        np.testing.assert_array_equal(result, expected)
+    assert len(records_at_least(log, logging.WARNING)) == 9
+
+
+def test_interpreter_exit_hands_logging_back_to_spdlog():
+    # The first exit handler runs last, after the bridge is down: its message goes to spdlog's
+    # own console logger. Daemon threads still logging meanwhile must not take the process down.
+    script = (
+        "import atexit, threading, numpy\n"
+        "atexit.register(lambda: vip.readImage('/nonexistent/after.png'))\n"
+        "import vorel_usd_image_processing as vip\n"
+        "image = vip.Image.from_array(numpy.zeros((2, 2, 3), numpy.float32))\n"
+        "def spin():\n"
+        "    while True: vip.invertChannel(image, 'Q')\n"
+        "for _ in range(4): threading.Thread(target=spin, daemon=True).start()\n"
+        "vip.readImage('/nonexistent/before.png')\n")
+    done = subprocess.run([sys.executable, "-c", script], capture_output=True, text=True,
+                          timeout=60)
+    assert done.returncode == 0, done.stderr[-2000:]
+    assert "Couldn't read image /nonexistent/before.png" in done.stderr
+    after = [line for line in done.stdout.splitlines() if "read image /nonexistent/after" in line]
+    assert len(after) == 1 and "[warning]" in after[0]
