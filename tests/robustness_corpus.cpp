@@ -217,6 +217,24 @@ protected:
         expectLog(call, level, read ? Lines{} : prefixes);
     }
 
+    /// Hio reads with decoders of its own, which take many files that OpenImageIO refuses (and
+    /// the other way round): expects a consistent image of UINT8 samples with no line logged, or
+    /// the empty Image with its one failure line.
+    void expectAssetContract(const ip::Image& image, const std::string& file) {
+        const OIIO::ImageSpec& spec = image.buffer.spec();
+        const bool read = image.buffer.initialized();
+        EXPECT_TRUE(image.properties.empty() &&
+                    (read ? spec.width > 0 && spec.height > 0 && spec.format == OIIO::TypeUInt8 &&
+                                ip::getNumChannels(image) == spec.nchannels &&
+                                image.buffer.roi() == OIIO::get_roi_full(spec)
+                          : spec.width == 0 && spec.height == 0))
+            << "getImageFromAssetPath: properties, or an inconsistent image";
+        expectLog("getImageFromAssetPath", spdlog::level::err,
+                  read ? Lines{}
+                       : Lines{"Failed to open image " + file,
+                               "Reading of image " + file + " failed", "Couldn't create image:\n"});
+    }
+
     /// Runs the reading entry points on one file.
     void check(const fs::path& path) {
         const std::string file = path.string();
@@ -236,9 +254,7 @@ protected:
         if (!huge) {
             const ip::Image asset = ip::getImageFromAssetPath(file);
             loaded_ += asset.buffer.initialized() ? 1 : 0;
-            expectContract("getImageFromAssetPath", asset, size, spdlog::level::err,
-                           {"Failed to open image " + file, "Reading of image " + file + " failed",
-                            "Couldn't create image:\n"});
+            expectAssetContract(asset, file);
         }
     }
 

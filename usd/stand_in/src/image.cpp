@@ -13,6 +13,8 @@
 #include <utility>
 #include <vector>
 
+#include <OpenImageIO/imagebuf.h>
+#include <OpenImageIO/imagebufalgo.h>
 #include <OpenImageIO/imageio.h>
 
 PXR_NAMESPACE_OPEN_SCOPE
@@ -205,18 +207,22 @@ public:
           sRGB_(sRGB) {}
 
     bool Read(StorageSpec const& storage) override {
-        if (storage.format != format_ || storage.width != width_ || storage.height != height_ ||
+        if (storage.format != format_ || storage.width <= 0 || storage.height <= 0 ||
             storage.data == nullptr) {
             return false;
         }
-        const std::vector<unsigned char> pixels = decode();
+        std::vector<unsigned char> pixels = decode();
+        // OpenUSD's readers resample to the size asked for rather than refusing it.
+        if (!pixels.empty() && (storage.width != width_ || storage.height != height_)) {
+            pixels = resized(pixels, storage.width, storage.height);
+        }
         if (pixels.empty()) {
             return false;
         }
-        const size_t rowBytes = static_cast<size_t>(width_) * GetBytesPerPixel();
+        const size_t rowBytes = static_cast<size_t>(storage.width) * GetBytesPerPixel();
         auto* target = static_cast<unsigned char*>(storage.data);
-        for (int row = 0; row < height_; ++row) {
-            const int sourceRow = storage.flipped ? height_ - 1 - row : row;
+        for (int row = 0; row < storage.height; ++row) {
+            const int sourceRow = storage.flipped ? storage.height - 1 - row : row;
             std::memcpy(target + row * rowBytes, pixels.data() + sourceRow * rowBytes, rowBytes);
         }
         return true;
@@ -246,6 +252,23 @@ private:
             return {};
         }
         return decoding_.narrowTo8Bits ? narrowTo8Bits(samples) : samples;
+    }
+
+    // Delivered samples resampled from the image's size to width x height; nothing on failure.
+    std::vector<unsigned char> resized(std::vector<unsigned char>& pixels, int width,
+                                       int height) const {
+        const OIIO::TypeDesc type =
+            decoding_.narrowTo8Bits ? OIIO::TypeDesc::UINT8 : decoding_.sampleType;
+        const OIIO::ImageBuf source(OIIO::ImageSpec(width_, height_, channels_, type),
+                                    pixels.data());
+        const OIIO::ImageBuf target = OIIO::ImageBufAlgo::resize(
+            source, "", 0.0f, OIIO::ROI(0, width, 0, height, 0, 1, 0, channels_));
+        std::vector<unsigned char> samples(static_cast<size_t>(width) * height * channels_ *
+                                           type.size());
+        if (target.has_error() || !target.get_pixels(target.roi(), type, samples.data())) {
+            return {};
+        }
+        return samples;
     }
 
     std::string filename_;

@@ -43,8 +43,9 @@ public:
                                             int mip = 0, SourceColorSpace sourceColorSpace = Auto,
                                             bool suppressErrors = false);
 
-    /// Decodes all pixels into `storage.data`, which must be of GetFormat() and of the image's
-    /// own width and height; false otherwise or when decoding fails.
+    /// Decodes all pixels into `storage.data`, which must be of GetFormat(); pixels are
+    /// resampled when `storage` asks for another width or height. False for another format or
+    /// when decoding fails.
     virtual bool Read(StorageSpec const& storage) = 0;
 
     virtual std::string const& GetFilename() const = 0;
