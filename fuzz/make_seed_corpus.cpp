@@ -16,6 +16,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     const std::filesystem::path folder = argv[1];
+    std::filesystem::remove_all(folder);  // no seeds left of extensions since dropped
     std::filesystem::create_directories(folder);
     int written = 0;
     for (size_t i = 0; i < vorel::fuzz::kExtensionCount; ++i) {
