@@ -440,22 +440,6 @@ TEST_F(RobustnessCorpus, EveryDamagedFileGivesAConsistentImageOrOneFailureLine) 
         << read_ << " read, " << refused_ << " refused, " << loaded_ << " loaded";
 }
 
-/// Sets one of OpenImageIO's global limits as a host would, and puts the host's value back.
-class ScopedLimit {
-public:
-    ScopedLimit(const char* name, int value)
-        : name_(name), previous_(OIIO::get_int_attribute(name, 0)) {
-        OIIO::attribute(name_, value);
-    }
-    ~ScopedLimit() { OIIO::attribute(name_, previous_); }
-    ScopedLimit(const ScopedLimit&) = delete;
-    ScopedLimit& operator=(const ScopedLimit&) = delete;
-
-private:
-    const char* name_;
-    int previous_;
-};
-
 TEST_F(RobustnessCorpus, HeadersClaimingOtherSizesGiveAConsistentImageOrOneFailureLine) {
     struct sigaction action = {};
     action.sa_handler = reportCrash;
@@ -464,8 +448,8 @@ TEST_F(RobustnessCorpus, HeadersClaimingOtherSizesGiveAConsistentImageOrOneFailu
     }
     // A host reading untrusted files tightens OpenImageIO's limits; every claim beyond them is
     // then refused before anything of its size is allocated, also by getImageFromAssetPath.
-    const ScopedLimit imageSize("limits:imagesize_MB", 64);
-    const ScopedLimit channels("limits:channels", 64);
+    const vorel::test::ScopedLimit imageSize("limits:imagesize_MB", 64);
+    const vorel::test::ScopedLimit channels("limits:channels", 64);
     std::set<std::pair<std::string, std::string>> seen;
     size_t distinct = 0;
     for (const Sample& sample : claimsCorpus(temp.path())) {

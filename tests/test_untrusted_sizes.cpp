@@ -14,22 +14,6 @@ using T = OIIO::TypeDesc;
 
 namespace {
 
-/// Sets one of OpenImageIO's global limits as a host would, and puts the host's value back.
-class ScopedLimit {
-public:
-    ScopedLimit(const char* name, int value)
-        : name_(name), previous_(OIIO::get_int_attribute(name, 0)) {
-        OIIO::attribute(name_, value);
-    }
-    ~ScopedLimit() { OIIO::attribute(name_, previous_); }
-    ScopedLimit(const ScopedLimit&) = delete;
-    ScopedLimit& operator=(const ScopedLimit&) = delete;
-
-private:
-    const char* name_;
-    int previous_;
-};
-
 /// An uncompressed 67 x 37 OpenEXR file whose header then claims `width` x `height` pixels of
 /// four half channels, with an offset table grown to match so that OpenEXR opens it.
 fs::path exrClaiming(const fs::path& folder, int width, int height) {
@@ -72,7 +56,7 @@ TEST_F(UntrustedSizes, ReadImageFailsOnPixelMemoryThatAFileClaims) {
     const std::string prefix = "Couldn't read image " + claiming.string() + ":\n";
     EXPECT_EQ(ip::getImageSpec(claiming).width, 262661);
     {
-        const ScopedLimit limit("limits:imagesize_MB", 1024);
+        const vorel::test::ScopedLimit limit("limits:imagesize_MB", 1024);
         EXPECT_FALSE(ip::readImage(claiming).buffer.initialized());
         expectFailureLine(spdlog::level::warn, prefix,
                           "30270 MB of pixel data exceed the limit of 1024 MB");
@@ -82,7 +66,7 @@ TEST_F(UntrustedSizes, ReadImageFailsOnPixelMemoryThatAFileClaims) {
     }
 #if !defined(__SANITIZE_ADDRESS__)  // the sanitizer ends the process on a failed allocation
     // With no limit at all, 8 TB that OpenImageIO can't allocate: its own text.
-    const ScopedLimit none("limits:imagesize_MB", 0);
+    const vorel::test::ScopedLimit none("limits:imagesize_MB", 0);
     EXPECT_FALSE(ip::readImage(exrClaiming(temp.path(), 1 << 26, 1 << 14)).buffer.initialized());
     expectFailureLine(spdlog::level::warn, "Couldn't read image ",
                       "ImageBuf unable to allocate 8796093022208 bytes");
@@ -91,8 +75,8 @@ TEST_F(UntrustedSizes, ReadImageFailsOnPixelMemoryThatAFileClaims) {
 
 TEST_F(UntrustedSizes, CreateImageFromDataRefusesClaimedSizesBeforeCopying) {
     std::vector<float> small(64, 0.5f);
-    const ScopedLimit limit("limits:imagesize_MB", 1024);
-    const ScopedLimit channels("limits:channels", 16);
+    const vorel::test::ScopedLimit limit("limits:imagesize_MB", 1024);
+    const vorel::test::ScopedLimit channels("limits:channels", 16);
     // 2^31 samples, and one more row, past what an int counts; and past size_t altogether.
     EXPECT_FALSE(
         ip::createImageFromData(small.data(), 65536, 32768, 1, T::UINT8).buffer.initialized());
