@@ -77,14 +77,11 @@ TEST_F(UntrustedSizes, CreateImageFromDataRefusesClaimedSizesBeforeCopying) {
     std::vector<float> small(64, 0.5f);
     const vorel::test::ScopedLimit limit("limits:imagesize_MB", 1024);
     const vorel::test::ScopedLimit channels("limits:channels", 16);
-    // 2^31 samples, and one more row, past what an int counts; and past size_t altogether.
+    // 2^31 samples, past what an int counts; and past size_t altogether.
     EXPECT_FALSE(
         ip::createImageFromData(small.data(), 65536, 32768, 1, T::UINT8).buffer.initialized());
     expectFailureLine(spdlog::level::err, "Couldn't create image:\n",
                       "2048 MB of pixel data exceed the limit of 1024 MB (limits:imagesize_MB)");
-    EXPECT_FALSE(
-        ip::createImageFromData(small.data(), 65536, 32769, 1, T::UINT8).buffer.initialized());
-    expectFailureLine(spdlog::level::err, "Couldn't create image:\n", "2049 MB");
     EXPECT_FALSE(ip::createImageFromData(small.data(), 2147483647, 2147483647, 16, T::FLOAT)
                      .buffer.initialized());
     expectFailureLine(
