@@ -7,7 +7,7 @@ set_property(CACHE VOREL_PYTHON PROPERTY STRINGS AUTO ON OFF)
 string(TOUPPER "${VOREL_PYTHON}" _vorel_python)
 set(VOREL_HAVE_PYTHON OFF)
 
-if(VOREL_SANITIZE OR VOREL_TSAN)
+if(VOREL_SANITIZE OR VOREL_TSAN OR VOREL_FUZZ)
     if(_vorel_python STREQUAL "ON")
         message(WARNING "VOREL_PYTHON is ignored in sanitizer builds")
     endif()

@@ -120,6 +120,22 @@ usd::image_processing::Image makeGradient(int width, int height, int channels,
 /// that does not work.
 void writeWithOIIO(const OIIO::ImageBuf& buffer, const std::filesystem::path& path);
 
+/// Sets one of OpenImageIO's global limits as a host would, and puts the host's value back.
+class ScopedLimit {
+public:
+    ScopedLimit(const char* name, int value)
+        : name_(name), previous_(OIIO::get_int_attribute(name, 0)) {
+        OIIO::attribute(name_, value);
+    }
+    ~ScopedLimit() { OIIO::attribute(name_, previous_); }
+    ScopedLimit(const ScopedLimit&) = delete;
+    ScopedLimit& operator=(const ScopedLimit&) = delete;
+
+private:
+    const char* name_;
+    int previous_;
+};
+
 /// True when both images have the same spec (size, channels, format, names, attributes) and
 /// the same pixels.
 ::testing::AssertionResult sameImage(const OIIO::ImageBuf& a, const OIIO::ImageBuf& b);

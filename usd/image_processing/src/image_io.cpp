@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string_view>
 #include <unordered_set>
 #include <utility>
@@ -19,6 +20,7 @@
 #include <vorel/base/str_utils.h>
 #include <vorel/base/timing.h>
 
+#include "pixel_memory.h"
 #include "pixel_types.h"
 
 namespace vorel::usd::image_processing {
@@ -34,7 +36,13 @@ Image readImage(const std::filesystem::path& path) {
         const OIIO::ImageSpec& spec = in->spec();
         // Uninitialised local storage: the decoder overwrites every sample, straight into the
         // buffer that the result keeps, with no ImageCache and no second copy.
-        OIIO::ImageBuf buffer(spec, OIIO::InitializePixels::No);
+        OIIO::ImageBuf buffer = allocatePixels(spec, OIIO::InitializePixels::No);
+        if (buffer.localpixels() == nullptr) {
+            // A size the file claims beyond the host's limits or beyond memory: the reason is on
+            // the buffer, not in the global error.
+            VOREL_LOG(warn, "Couldn't read image {}:\n{}", fileName, buffer.geterror(true));
+            return Image{};
+        }
         if (in->read_image(/*subimage=*/0, /*miplevel=*/0, /*chbegin=*/0, spec.nchannels,
                            spec.format, buffer.localpixels(), OIIO::AutoStride, OIIO::AutoStride,
                            OIIO::AutoStride, nullptr, nullptr)) {
@@ -62,16 +70,23 @@ ImageSpec getImageSpec(const std::filesystem::path& path) {
 
 Image createImageFromData(void* data, int width, int height, int numChannels,
                           OIIO::TypeDesc format) {
-    const OIIO::ImageSpec spec(width, height, numChannels, format);
-    OIIO::ImageBuf buffer(spec, OIIO::InitializePixels::Yes);
-    // The result of set_pixels is not what decides: the buffer's error state is. OpenImageIO 2.4
-    // crashes on a null source instead of failing, so that case is refused on the buffer itself
-    // and goes the same way as any other failure.
-    if (data == nullptr) {
-        buffer.error("no pixel data: the data pointer is null");
-    } else {
-        buffer.set_pixels(buffer.roi(), format, data, OIIO::AutoStride, OIIO::AutoStride,
-                          OIIO::AutoStride);
+    // The caller's size is checked before a spec is made of it: a spec names each of its channels.
+    const std::string refusal = pixelMemoryRefusal(width, height, /*depth=*/1, numChannels, format);
+    OIIO::ImageBuf buffer =
+        refusal.empty() ? OIIO::ImageBuf(OIIO::ImageSpec(width, height, numChannels, format),
+                                         OIIO::InitializePixels::Yes)
+                        : withoutPixels(refusal);
+    // The result of set_pixels is not what decides: the buffer's error state is. A buffer without
+    // memory already says why (OpenImageIO's failed allocation leaves its text there). OpenImageIO
+    // 2.4 crashes on a null source instead of failing, so that case is refused on the buffer
+    // itself and goes the same way as any other failure.
+    if (buffer.localpixels() != nullptr) {
+        if (data == nullptr) {
+            buffer.error("no pixel data: the data pointer is null");
+        } else {
+            buffer.set_pixels(buffer.roi(), format, data, OIIO::AutoStride, OIIO::AutoStride,
+                              OIIO::AutoStride);
+        }
     }
     if (buffer.has_error()) {
         VOREL_LOG(err, "Couldn't create image:\n{}", buffer.geterror(true));
@@ -96,9 +111,18 @@ Image getImageFromAssetPath(const std::string& assetPath) {
     }
     const size_t bytesPerPixel =
         PXR_NS::HioGetDataSizeOfFormat(hioImage->GetFormat(), nullptr, nullptr);
+    // The size is the file's claim: refused, before anything is allocated, when no memory could
+    // hold it or when it passes the host's OpenImageIO limits, which the copy below must pass too.
+    const std::optional<size_t> byteCount = checkedProduct(
+        {hioImage->GetWidth(), hioImage->GetHeight(), static_cast<std::int64_t>(bytesPerPixel)});
+    if (!byteCount || !pixelMemoryRefusal(hioImage->GetWidth(), hioImage->GetHeight(), 1,
+                                          static_cast<int>(bytesPerPixel), OIIO::TypeUInt8)
+                           .empty()) {
+        VOREL_LOG(err, "Reading of image {} failed", assetPath);
+        return Image{};
+    }
     // Hio delivers the format the file has, so nothing is converted, in its own row order.
-    std::vector<unsigned char> pixels(
-        static_cast<size_t>(hioImage->GetWidth() * hioImage->GetHeight()) * bytesPerPixel, 0);
+    std::vector<unsigned char> pixels(*byteCount, 0);
     PXR_NS::HioImage::StorageSpec storage;
     storage.width = hioImage->GetWidth();
     storage.height = hioImage->GetHeight();
@@ -549,7 +573,11 @@ bool convertIdImageToUint(Image& image) {
         return false;
     }
     void* const pixels = image.buffer.localpixels();
-    if (pixels == nullptr) {
+    // Counted in size_t: a spec can claim more samples than an int counts. A claim that no memory
+    // could hold can't describe local pixels either.
+    const std::optional<size_t> bytes =
+        checkedProduct({spec.nchannels, spec.height, spec.width, sizeof(std::int32_t)});
+    if (pixels == nullptr || !bytes) {
         VOREL_LOG(err, "Can't modify image with non-local pixels");
         return false;
     }
@@ -557,8 +585,8 @@ bool convertIdImageToUint(Image& image) {
     // unsigned views of one object may alias). The unsigned sum keeps 2147483647 + 1 exact.
     const std::int32_t* const ids = static_cast<const std::int32_t*>(pixels);
     std::uint32_t* const shifted = static_cast<std::uint32_t*>(pixels);
-    const int sampleCount = spec.nchannels * spec.height * spec.width;
-    for (int i = 0; i < sampleCount; ++i) {
+    const size_t sampleCount = *bytes / sizeof(std::int32_t);
+    for (size_t i = 0; i < sampleCount; ++i) {
         const std::int32_t id = ids[i];
         shifted[i] = id < 0 ? 0u : static_cast<std::uint32_t>(id) + 1u;
     }

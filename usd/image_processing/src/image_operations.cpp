@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <limits>
+#include <optional>
 #include <utility>
 
 #include <OpenImageIO/half.h>
@@ -14,6 +15,7 @@
 #include <fmt/format.h>
 #include <vorel/base/logging.h>
 
+#include "pixel_memory.h"
 #include "pixel_types.h"
 
 namespace vorel::usd::image_processing {
@@ -453,18 +455,25 @@ void idImageToMask(Image& image) {
         return;
     }
     const std::int32_t* const ids = static_cast<const std::int32_t*>(image.buffer.localpixels());
-    if (ids == nullptr) {
-        VOREL_LOG(err, "Can't modify image with non-local pixels");
-        return;
-    }
+    // Counted in size_t: a spec can claim more pixels than an int counts. The mask is allocated
+    // under the same checks as any untrusted size; ID pixels whose mask can't be had are refused
+    // like pixels that aren't local, since neither can be worked on in memory.
+    const std::optional<size_t> pixelCount = checkedProduct({spec.width, spec.height});
     constexpr int kMaskChannels = 4;
     const OIIO::ImageSpec maskSpec(spec.width, spec.height, kMaskChannels,
                                    OIIO::TypeDesc(OIIO::TypeDesc::UINT8, OIIO::TypeDesc::SCALAR,
                                                   OIIO::TypeDesc::NOSEMANTICS, 0));
-    OIIO::ImageBuf mask(maskSpec, OIIO::InitializePixels::No);
+    OIIO::ImageBuf mask;
+    if (ids != nullptr && pixelCount) {
+        mask = allocatePixels(maskSpec, OIIO::InitializePixels::No);
+    }
     std::uint8_t* const rgba = static_cast<std::uint8_t*>(mask.localpixels());
-    const int pixelCount = spec.width * spec.height;
-    for (int i = 0; i < pixelCount; ++i) {
+    if (rgba == nullptr) {
+        mask.geterror(true);  // the mask's own reason goes with it, not into a later message
+        VOREL_LOG(err, "Can't modify image with non-local pixels");
+        return;
+    }
+    for (size_t i = 0; i < *pixelCount; ++i) {
         const std::uint8_t value = ids[i] < 0 ? 0 : 255;
         std::fill_n(rgba + i * kMaskChannels, kMaskChannels, value);
     }

@@ -1,0 +1,98 @@
+#pragma once
+
+// What the fuzz targets share: the extensions a first byte picks from, and the temporary file
+// that the rest of an input becomes.
+
+#include <unistd.h>
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <string_view>
+
+#include <OpenImageIO/imageio.h>
+#include <spdlog/spdlog.h>
+
+namespace vorel::fuzz {
+
+/// The formats tried by name. OpenImageIO falls back to sniffing the content of a file that the
+/// named reader refuses, so every reader is reached whatever the extension. ".iff" and ".heic" are
+/// left out, and so is content that their readers (or SGI's) would take (see isKnownReaderCrash).
+inline constexpr const char* kExtensions[] = {".png", ".jpg", ".bmp",  ".gif", ".webp", ".tif",
+                                              ".exr", ".tga", ".hdr",  ".ppm", ".dpx",  ".sgi",
+                                              ".ico", ".rla", ".fits", ".psd", ".pic"};
+inline constexpr size_t kExtensionCount = sizeof(kExtensions) / sizeof(kExtensions[0]);
+
+/// True for content that crashes a reader of OpenImageIO 2.4.7 itself, with no call of ours
+/// involved; the robustness corpus names the recipes. The fuzzer would stop on them and find
+/// nothing of ours.
+/// - IFF ("FOR4"): heap overflow in IffInput::readimg, abort on its "!(flags & BLACK)" assertion.
+/// - HEIF (an ISO box "ftyp" at 4): HeifInput::read_native_scanline copies rows of the claimed
+///   width out of libheif's smaller decoded image.
+/// - SGI (magic 474) with other than 1 or 2 bytes per channel: SgiInput::read_native_scanline
+///   segfaults (0) or throws std::length_error (255).
+inline bool isKnownReaderCrash(std::string_view bytes) {
+    const auto holds = [bytes](size_t offset, std::string_view text) {
+        return bytes.size() >= offset + text.size() && bytes.substr(offset, text.size()) == text;
+    };
+    const bool sgi = holds(0, "\x01\xda") && !holds(3, "\x01") && !holds(3, "\x02");
+    return holds(0, "FOR4") || holds(4, "ftyp") || sgi;
+}
+
+/// The host's side of untrusted input: quiet logging, and OpenImageIO's limits tightened so that
+/// no header can claim more pixel memory than the fuzzer's own memory limit allows.
+inline void setUpHost() {
+    spdlog::set_level(spdlog::level::off);
+    OIIO::attribute("limits:imagesize_MB", 64);
+    OIIO::attribute("limits:channels", 64);
+}
+
+/// Marks `outcome` (below `kOutcomes`) of the file's format as coverage of its own. OpenImageIO is
+/// uninstrumented, so without this every format's seed would look the same to libFuzzer and all
+/// but one would be dropped from the corpus: mark<N> is a function of its own for each N, and its
+/// taken branch an edge of its own.
+inline constexpr size_t kOutcomes = 4;
+inline volatile size_t lastMark;
+template <size_t N>
+void mark(size_t value) {
+    if (value == N) {
+        lastMark = N;
+    } else if constexpr (N > 0) {
+        mark<N - 1>(value);
+    }
+}
+inline void markOutcome(size_t extension, size_t outcome) {
+    mark<kExtensionCount * kOutcomes - 1>(extension * kOutcomes + outcome % kOutcomes);
+}
+
+/// A file of the fuzz input: its first byte picks the extension, the rest is the content. Removed
+/// at the end of the run of one input.
+class InputFile {
+public:
+    InputFile(const std::uint8_t* data, size_t size) {
+        extension_ = size > 0 ? data[0] % kExtensionCount : 0;
+        content_ = size > 0 ? std::string_view(reinterpret_cast<const char*>(data) + 1, size - 1)
+                            : std::string_view();
+        path_ = std::filesystem::temp_directory_path() /
+                ("vorel-fuzz-" + std::to_string(getpid()) + kExtensions[extension_]);
+        std::ofstream(path_, std::ios::binary).write(content_.data(), content_.size());
+    }
+    ~InputFile() {
+        std::error_code ignored;
+        std::filesystem::remove(path_, ignored);
+    }
+    InputFile(const InputFile&) = delete;
+    InputFile& operator=(const InputFile&) = delete;
+
+    size_t extension() const { return extension_; }
+    const std::filesystem::path& path() const { return path_; }
+    std::string_view content() const { return content_; }
+
+private:
+    size_t extension_;
+    std::filesystem::path path_;
+    std::string_view content_;
+};
+
+}  // namespace vorel::fuzz
