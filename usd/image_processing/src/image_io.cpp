@@ -2,6 +2,7 @@
 
 #include <vorel/usd/image_processing/image_processing.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <map>
@@ -27,24 +28,74 @@ namespace vorel::usd::image_processing {
 // Reading
 // ---------------------------------------------------------------------------------------------
 
+namespace {
+
+/// Rows read per call: enough to keep a decoder's own chunks whole (OpenEXR's are up to 256
+/// rows), few enough that a reader's per-call buffers stay small beside the image.
+constexpr int kBandRows = 256;
+
+/// Reads the first subimage at MIP level 0, all channels in the file's own pixel type, straight
+/// into `pixels` (laid out as the spec's contiguous image): bands of scanlines, or rows of tiles.
+/// OpenImageIO's whole-image read_image goes through a buffer of its own, a second copy of up
+/// to 64 MiB; a band of the native type is decoded in place.
+bool readBands(OIIO::ImageInput& in, const OIIO::ImageSpec& spec, char* pixels) {
+    const auto rowBytes = static_cast<std::int64_t>(spec.scanline_bytes());
+    const auto sliceBytes = rowBytes * spec.height;
+    const int yend = spec.y + spec.height;
+    if (spec.tile_width > 0) {
+        const int band = spec.tile_height * std::max(1, kBandRows / spec.tile_height);
+        for (int y = spec.y; y < yend; y += band) {
+            if (!in.read_tiles(/*subimage=*/0, /*miplevel=*/0, spec.x, spec.x + spec.width, y,
+                               std::min(y + band, yend), spec.z, spec.z + spec.depth,
+                               /*chbegin=*/0, spec.nchannels, spec.format,
+                               pixels + (y - spec.y) * rowBytes, OIIO::AutoStride, OIIO::AutoStride,
+                               sliceBytes)) {
+                return false;
+            }
+        }
+        return true;
+    }
+    for (int z = 0; z < spec.depth; ++z) {
+        for (int y = spec.y; y < yend; y += kBandRows) {
+            if (!in.read_scanlines(/*subimage=*/0, /*miplevel=*/0, y, std::min(y + kBandRows, yend),
+                                   spec.z + z, /*chbegin=*/0, spec.nchannels, spec.format,
+                                   pixels + z * sliceBytes + (y - spec.y) * rowBytes)) {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
+/// OpenImageIO's text for a failed read: the global one, or else the buffer's (an allocation
+/// that failed inside ImageBuf leaves its text there only).
+std::string readFailure(OIIO::ImageBuf& buffer) {
+    std::string text = OIIO::geterror(true);
+    return text.empty() ? buffer.geterror(true) : text;
+}
+
+}  // namespace
+
 Image readImage(const std::filesystem::path& path) {
     const std::string fileName = base::convertPathToString(path);
     const std::unique_ptr<OIIO::ImageInput> in = OIIO::ImageInput::open(fileName, nullptr, nullptr);
+    OIIO::ImageBuf buffer;
     if (in) {
         const OIIO::ImageSpec& spec = in->spec();
-        // Uninitialised local storage: the decoder overwrites every sample, straight into the
-        // buffer that the result keeps, with no ImageCache and no second copy.
-        OIIO::ImageBuf buffer(spec, OIIO::InitializePixels::No);
-        if (in->read_image(/*subimage=*/0, /*miplevel=*/0, /*chbegin=*/0, spec.nchannels,
-                           spec.format, buffer.localpixels(), OIIO::AutoStride, OIIO::AutoStride,
-                           OIIO::AutoStride, nullptr, nullptr)) {
+        // Uninitialised local storage that the decoder fills and the result keeps. OpenImageIO
+        // reports a failed allocation only as a buffer without pixels and a text on it (deep
+        // files have no flat pixels either), and that is a failed read.
+        buffer.reset(spec, OIIO::InitializePixels::No);
+        auto* const pixels = static_cast<char*>(buffer.localpixels());
+        const bool read = pixels != nullptr && readBands(*in, spec, pixels);
+        if (read) {
             in->close();
             Image image;
             image.buffer = std::move(buffer);
             return image;
         }
     }
-    VOREL_LOG(warn, "Couldn't read image {}:\n{}", fileName, OIIO::geterror(true));
+    VOREL_LOG(warn, "Couldn't read image {}:\n{}", fileName, readFailure(buffer));
     return Image{};
 }
 
