@@ -30,36 +30,45 @@ namespace vorel::usd::image_processing {
 
 namespace {
 
-/// Rows read per call: enough to keep a decoder's own chunks whole (OpenEXR's are up to 256
-/// rows), few enough that a reader's per-call buffers stay small beside the image.
-constexpr int kBandRows = 256;
+/// Rows read per call. Readers decode a band through buffers of about its size, so a band is
+/// kept small beside the image; but never smaller than the file's own unit of compression (a
+/// TIFF strip, OpenEXR's 256-row DWAB blocks), which would be decoded again for every band.
+int bandRows(const OIIO::ImageSpec& spec) {
+    constexpr int kRows = 32;  // a whole number of OpenEXR's chunks of 1, 16 or 32 rows
+    int rows = std::max(kRows, spec.get_int_attribute("tiff:RowsPerStrip", 0));
+    if (spec.get_string_attribute("compression") == "dwab") {
+        rows = std::max(rows, 256);
+    }
+    if (spec.tile_height > 0) {
+        rows = spec.tile_height * std::max(1, rows / spec.tile_height);
+    }
+    return rows;
+}
 
 /// Reads the first subimage at MIP level 0, all channels in the file's own pixel type, straight
 /// into `pixels` (laid out as the spec's contiguous image): bands of scanlines, or rows of tiles.
 /// OpenImageIO's whole-image read_image goes through a buffer of its own, a second copy of up
-/// to 64 MiB; a band of the native type is decoded in place.
+/// to 64 MiB; band by band, what the reader holds besides the image stays about one band.
 bool readBands(OIIO::ImageInput& in, const OIIO::ImageSpec& spec, char* pixels) {
     const auto rowBytes = static_cast<std::int64_t>(spec.scanline_bytes());
     const auto sliceBytes = rowBytes * spec.height;
+    const int band = bandRows(spec);
     const int yend = spec.y + spec.height;
-    if (spec.tile_width > 0) {
-        const int band = spec.tile_height * std::max(1, kBandRows / spec.tile_height);
-        for (int y = spec.y; y < yend; y += band) {
+    for (int y = spec.y; y < yend; y += band) {
+        char* const rows = pixels + (y - spec.y) * rowBytes;
+        const int bandEnd = std::min(y + band, yend);
+        if (spec.tile_width > 0) {
             if (!in.read_tiles(/*subimage=*/0, /*miplevel=*/0, spec.x, spec.x + spec.width, y,
-                               std::min(y + band, yend), spec.z, spec.z + spec.depth,
-                               /*chbegin=*/0, spec.nchannels, spec.format,
-                               pixels + (y - spec.y) * rowBytes, OIIO::AutoStride, OIIO::AutoStride,
-                               sliceBytes)) {
+                               bandEnd, spec.z, spec.z + spec.depth, /*chbegin=*/0, spec.nchannels,
+                               spec.format, rows, OIIO::AutoStride, OIIO::AutoStride, sliceBytes)) {
                 return false;
             }
+            continue;
         }
-        return true;
-    }
-    for (int z = 0; z < spec.depth; ++z) {
-        for (int y = spec.y; y < yend; y += kBandRows) {
-            if (!in.read_scanlines(/*subimage=*/0, /*miplevel=*/0, y, std::min(y + kBandRows, yend),
-                                   spec.z + z, /*chbegin=*/0, spec.nchannels, spec.format,
-                                   pixels + z * sliceBytes + (y - spec.y) * rowBytes)) {
+        for (int z = 0; z < spec.depth; ++z) {
+            if (!in.read_scanlines(/*subimage=*/0, /*miplevel=*/0, y, bandEnd, spec.z + z,
+                                   /*chbegin=*/0, spec.nchannels, spec.format,
+                                   rows + z * sliceBytes)) {
                 return false;
             }
         }
