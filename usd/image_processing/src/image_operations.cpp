@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <utility>
 
@@ -342,6 +343,30 @@ struct Remap {
     }
 };
 
+#if defined(__SANITIZE_THREAD__)
+extern "C" void __tsan_acquire(void* address);
+extern "C" void __tsan_release(void* address);
+#endif
+
+/// IBA::parallel_image with nthreads 0. A thread that waits on OpenImageIO's pool runs queued
+/// tasks of other callers too, and the pool hands tasks over and back through atomics in
+/// uninstrumented code; under ThreadSanitizer the same order is declared here, or reads of the
+/// caller's memory by a task would look like races.
+void parallelImage(const OIIO::ROI& region, const std::function<void(OIIO::ROI)>& task) {
+#if defined(__SANITIZE_THREAD__)
+    int handOver = 0;
+    __tsan_release(&handOver);
+    IBA::parallel_image(region, OIIO::paropt(/*maxthreads=*/0), [&](OIIO::ROI roi) {
+        __tsan_acquire(&handOver);
+        task(roi);
+        __tsan_release(&handOver);
+    });
+    __tsan_acquire(&handOver);
+#else
+    IBA::parallel_image(region, OIIO::paropt(/*maxthreads=*/0), task);
+#endif
+}
+
 /// The part of `result` that the remap writes (always at z 0: images are flat), and the slice
 /// of the source it reads from there. `full` says whether that is all of `result`, so that
 /// nothing else needs clearing.
@@ -375,7 +400,7 @@ template <typename Stored, typename Read>
 bool remapRegion(OIIO::ImageBuf& result, const OIIO::ImageBuf& source, const Remap& remap,
                  const Walk& walk) {
     const int nchannels = source.nchannels();
-    IBA::parallel_image(walk.region, OIIO::paropt(/*maxthreads=*/0), [&](OIIO::ROI roi) {
+    parallelImage(walk.region, [&](OIIO::ROI roi) {
         OIIO::ROI from = roi;
         from.zbegin = walk.sourceZ;
         from.zend = walk.sourceZ + 1;
@@ -412,22 +437,23 @@ void normalizeIntegers(const OIIO::ImageBuf& source, OIIO::ImageBuf& result, Rem
         const OIIO::ROI& region = walk.region;
         std::vector<std::uint32_t> rowMin(region.height());
         std::vector<std::uint32_t> rowMax(region.height());
-        OIIO::parallel_for(int64_t(0), int64_t(region.height()), [&](int64_t row) {
-            const int y = region.ybegin + int(row);
-            const OIIO::ROI line(region.xbegin, region.xend, y, y + 1, 0, 1, 0, spec.nchannels);
-            std::uint32_t low = std::numeric_limits<std::uint32_t>::max();
-            std::uint32_t high = 0;
-            for (OIIO::ImageBuf::ConstIterator<std::uint32_t, std::uint32_t> it(source, line);
-                 !it.done(); ++it) {
-                for (int c = 0; c < spec.nchannels; ++c) {
-                    if (remap.selected[c]) {
-                        low = std::min<std::uint32_t>(low, it[c]);
-                        high = std::max<std::uint32_t>(high, it[c]);
+        parallelImage(region, [&](OIIO::ROI rows) {
+            for (int y = rows.ybegin; y < rows.yend; ++y) {
+                std::uint32_t low = std::numeric_limits<std::uint32_t>::max();
+                std::uint32_t high = 0;
+                const OIIO::ROI line(rows.xbegin, rows.xend, y, y + 1, 0, 1, 0, spec.nchannels);
+                for (OIIO::ImageBuf::ConstIterator<std::uint32_t, std::uint32_t> it(source, line);
+                     !it.done(); ++it) {
+                    for (int c = 0; c < spec.nchannels; ++c) {
+                        if (remap.selected[c]) {
+                            low = std::min<std::uint32_t>(low, it[c]);
+                            high = std::max<std::uint32_t>(high, it[c]);
+                        }
                     }
                 }
+                rowMin[y - region.ybegin] = low;
+                rowMax[y - region.ybegin] = high;
             }
-            rowMin[row] = low;
-            rowMax[row] = high;
         });
         remap.widen(static_cast<float>(*std::min_element(rowMin.begin(), rowMin.end())),
                     static_cast<float>(*std::max_element(rowMax.begin(), rowMax.end())));
