@@ -1,5 +1,6 @@
 // Each library call beside the bare OpenImageIO calls that do the same work, in one run, on the
-// same 3840x2160 RGBA images (UINT8 and FLOAT, and UINT32 for normalize) made in memory at start.
+// same 3840x2160 RGBA images (UINT8 and FLOAT, and HALF and UINT32 for normalize) made in memory
+// at start.
 // Files go to a temporary folder that is removed at exit.
 //
 // Names are "<call>/<case>/<variant>": the variant "library" is our call, every other variant is
@@ -14,10 +15,13 @@
 #include <cstdlib>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
+#include <OpenImageIO/half.h>
 #include <OpenImageIO/imagebufalgo.h>
 #include <benchmark/benchmark.h>
 #include <spdlog/sinks/null_sink.h>
@@ -68,10 +72,14 @@ struct Images {
     const ip::Image floatA = typed(rampA, OIIO::TypeDesc::FLOAT, "linear");
     const ip::Image floatB = typed(rampB, OIIO::TypeDesc::FLOAT, "linear");
     const ip::Image uint32 = typed(rampA, OIIO::TypeDesc::UINT32, "linear");
+    const ip::Image half = typed(rampA, OIIO::TypeDesc::HALF, "linear");
 
     const ip::Image& byType(OIIO::TypeDesc type, bool second = false) const {
         if (type == OIIO::TypeDesc::UINT32) {
             return uint32;
+        }
+        if (type == OIIO::TypeDesc::HALF) {
+            return half;
         }
         if (type == OIIO::TypeDesc::UINT8) {
             return second ? uint8B : uint8A;
@@ -111,19 +119,35 @@ const Folder& folder() {
 const char* typeName(OIIO::TypeDesc type) {
     return type == OIIO::TypeDesc::UINT8    ? "uint8"
            : type == OIIO::TypeDesc::UINT32 ? "uint32"
+           : type == OIIO::TypeDesc::HALF   ? "half"
                                             : "float";
 }
 
-/// The file formats: PNG and JPEG from the UINT8 image, OpenEXR from the FLOAT one.
+/// The file formats: PNG, JPEG and TIFF from the UINT8 image, OpenEXR from the FLOAT one; TIFF
+/// and OpenEXR also tiled, and JPEG also progressive, for the readers only.
 struct FileCase {
     const char* name;
     const char* extension;
     OIIO::TypeDesc type;
-    int compressionLevel;  // PNG only; -1 leaves the writer's default
+    int compressionLevel;        // PNG only; -1 leaves the writer's default
+    int tileSize = 0;            // 0 writes scanlines
+    const char* flag = nullptr;  // an int attribute set to 1 for the writer
 };
 const FileCase kFileCases[] = {{"png", ".png", OIIO::TypeDesc::UINT8, 6},
                                {"exr", ".exr", OIIO::TypeDesc::FLOAT, -1},
-                               {"jpeg", ".jpg", OIIO::TypeDesc::UINT8, -1}};
+                               {"jpeg", ".jpg", OIIO::TypeDesc::UINT8, -1},
+                               {"tiff", ".tif", OIIO::TypeDesc::UINT8, -1}};
+const FileCase kReadOnlyCases[] = {
+    {"exr_tiled", ".exr", OIIO::TypeDesc::FLOAT, -1, 64},
+    {"tiff_tiled", ".tif", OIIO::TypeDesc::UINT8, -1, 64},
+    {"jpeg_progressive", ".jpg", OIIO::TypeDesc::UINT8, -1, 0, "jpeg:progressive"}};
+
+/// Every case that is read.
+std::vector<FileCase> readCases() {
+    std::vector<FileCase> cases(std::begin(kFileCases), std::end(kFileCases));
+    cases.insert(cases.end(), std::begin(kReadOnlyCases), std::end(kReadOnlyCases));
+    return cases;
+}
 
 /// A file of the case, written once by OpenImageIO, for the readers.
 const fs::path& sourceFile(const FileCase& file) {
@@ -131,7 +155,14 @@ const fs::path& sourceFile(const FileCase& file) {
     auto found = written.find(file.name);
     if (found == written.end()) {
         const fs::path path = folder() / (std::string("source_") + file.name + file.extension);
-        if (!images().byType(file.type).buffer.write(path.string())) {
+        OIIO::ImageBuf buffer = images().byType(file.type).buffer;
+        if (file.tileSize > 0) {
+            buffer.set_write_tiles(file.tileSize, file.tileSize);
+        }
+        if (file.flag != nullptr) {
+            buffer.specmod().attribute(file.flag, 1);
+        }
+        if (!buffer.write(path.string())) {
             std::fprintf(stderr, "cannot write %s\n", path.c_str());
             std::exit(1);
         }
@@ -159,31 +190,13 @@ void check(benchmark::State& state, bool ok) {
 // Reading
 // ---------------------------------------------------------------------------------------------
 
-/// What readImage does, spelled out with OpenImageIO: open, an uninitialised buffer of the
-/// file's spec, read_image straight into it.
+/// What a host writes with OpenImageIO's readers: open, an uninitialised buffer of the file's
+/// spec, one read_image straight into it (what readImage did before it read in bands).
 OIIO::ImageBuf bareReadImage(const std::string& name) {
     auto in = OIIO::ImageInput::open(name);
     OIIO::ImageBuf buffer(in->spec(), OIIO::InitializePixels::No);
     const OIIO::ImageSpec& spec = in->spec();
     in->read_image(0, 0, 0, spec.nchannels, spec.format, buffer.localpixels());
-    in->close();
-    return buffer;
-}
-
-/// readImage's work with read_scanlines in bands of 64 rows instead of one read_image: OpenImageIO
-/// 2.4.7's read_image goes through an internal buffer of up to 64 MiB even when the file's own
-/// type is asked for, a band doesn't. For scanline files (all three formats here).
-OIIO::ImageBuf bareReadScanlines(const std::string& name) {
-    constexpr int kBand = 64;
-    auto in = OIIO::ImageInput::open(name);
-    const OIIO::ImageSpec& spec = in->spec();
-    OIIO::ImageBuf buffer(spec, OIIO::InitializePixels::No);
-    auto* pixels = static_cast<char*>(buffer.localpixels());
-    for (int y = spec.y; y < spec.y + spec.height; y += kBand) {
-        const int end = std::min(y + kBand, spec.y + spec.height);
-        in->read_scanlines(0, 0, y, end, 0, 0, spec.nchannels, spec.format,
-                           pixels + (y - spec.y) * spec.scanline_bytes());
-    }
     in->close();
     return buffer;
 }
@@ -196,7 +209,7 @@ OIIO::ImageBuf bareImageBufRead(const std::string& name) {
 }
 
 void registerReading() {
-    for (const FileCase& file : kFileCases) {
+    for (const FileCase& file : readCases()) {
         const std::string base = std::string("read/") + file.name + "/";
         add(base + "library", [file](benchmark::State& state) {
             const fs::path& path = sourceFile(file);
@@ -214,12 +227,6 @@ void registerReading() {
             const std::string name = sourceFile(file).string();
             for (auto _ : state) {
                 check(state, bareImageBufRead(name).initialized());
-            }
-        });
-        add(base + "scanlines", [file](benchmark::State& state) {
-            const std::string name = sourceFile(file).string();
-            for (auto _ : state) {
-                check(state, bareReadScanlines(name).initialized());
             }
         });
     }
@@ -314,12 +321,18 @@ void registerOperations() {
 }
 
 // ---------------------------------------------------------------------------------------------
-// normalize: the library walks the pixels itself; the bare pass is computePixelStats and one walk
-// with ImageBuf iterators, remapping R, G and B and carrying A.
+// normalize, remapping R, G and B onto [0, 1] and carrying A, against two bare passes: the
+// multi-threaded one of OpenImageIO (computePixelStats, then mad on all threads) and a
+// single-threaded walk with ImageBuf iterators.
 // ---------------------------------------------------------------------------------------------
 
-template <typename Stored>
-OIIO::ImageBuf bareNormalize(const OIIO::ImageBuf& source, float targetMin, float targetMax) {
+/// The common range of R, G and B, and the scale and offset that map it onto [0, 1].
+struct Range {
+    float low;
+    float scale;
+};
+
+Range rgbRange(const OIIO::ImageBuf& source) {
     const IBA::PixelStats stats = IBA::computePixelStats(source, {}, 0);
     float low = stats.min[0];
     float high = stats.max[0];
@@ -327,32 +340,58 @@ OIIO::ImageBuf bareNormalize(const OIIO::ImageBuf& source, float targetMin, floa
         low = std::min(low, stats.min[c]);
         high = std::max(high, stats.max[c]);
     }
-    const float scale = (targetMax - targetMin) / (high - low);
+    return {low, 1.0f / (high - low)};
+}
+
+OIIO::ImageBuf statsAndMad(const OIIO::ImageBuf& source) {
+    const Range range = rgbRange(source);
+    const float scale[] = {range.scale, range.scale, range.scale, 1.0f};
+    const float offset[] = {-range.low * range.scale, -range.low * range.scale,
+                            -range.low * range.scale, 0.0f};
+    return IBA::mad(source, OIIO::cspan<float>(scale), OIIO::cspan<float>(offset), {}, 0);
+}
+
+template <typename Stored>
+OIIO::ImageBuf singleThreadedPass(const OIIO::ImageBuf& source) {
+    const Range range = rgbRange(source);
     OIIO::ImageBuf result(source.spec(), OIIO::InitializePixels::No);
     OIIO::ImageBuf::ConstIterator<Stored, float> in(source);
     OIIO::ImageBuf::Iterator<Stored, float> out(result);
     for (; !in.done(); ++in, ++out) {
         for (int c = 0; c < 3; ++c) {
-            out[c] = (in[c] - low) * scale + targetMin;
+            out[c] = (in[c] - range.low) * range.scale;
         }
         out[3] = in[3];
     }
     return result;
 }
 
+template <typename Stored>
+void registerNormalizeOf(OIIO::TypeDesc type) {
+    const std::string base = std::string("normalize/") + typeName(type) + "/";
+    const auto timeBare = [type](OIIO::ImageBuf (*bare)(const OIIO::ImageBuf&)) {
+        return [type, bare](benchmark::State& state) {
+            const OIIO::ImageBuf& source = images().byType(type).buffer;
+            for (auto _ : state) {
+                check(state, !bare(source).has_error());
+            }
+        };
+    };
+    add(base + "library", [type](benchmark::State& state) {
+        const ip::Image& source = images().byType(type);
+        for (auto _ : state) {
+            check(state, ip::normalize(source, 0.0f, 1.0f, {}).buffer.initialized());
+        }
+    });
+    add(base + "statsMad", timeBare(statsAndMad));
+    add(base + "singleThreaded", timeBare(singleThreadedPass<Stored>));
+}
+
 void registerNormalize() {
-    registerOperation(
-        "normalize", OIIO::TypeDesc::FLOAT,
-        [](const ip::Image& a, const ip::Image&) { return ip::normalize(a, 0.0f, 1.0f, {}); },
-        [](const OIIO::ImageBuf& a, const OIIO::ImageBuf&) {
-            return bareNormalize<float>(a, 0.0f, 1.0f);
-        });
-    registerOperation(
-        "normalize", OIIO::TypeDesc::UINT32,
-        [](const ip::Image& a, const ip::Image&) { return ip::normalize(a, 0.0f, 1.0f, {}); },
-        [](const OIIO::ImageBuf& a, const OIIO::ImageBuf&) {
-            return bareNormalize<std::uint32_t>(a, 0.0f, 1.0f);
-        });
+    registerNormalizeOf<float>(OIIO::TypeDesc::FLOAT);
+    registerNormalizeOf<half>(OIIO::TypeDesc::HALF);
+    registerNormalizeOf<std::uint8_t>(OIIO::TypeDesc::UINT8);
+    registerNormalizeOf<std::uint32_t>(OIIO::TypeDesc::UINT32);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -384,8 +423,6 @@ int readPeakChild(const std::string& variant, const std::string& file, const std
         buffer = std::move(ip::readImage(file).buffer);
     } else if (variant == "ImageInput") {
         buffer = bareReadImage(file);
-    } else if (variant == "scanlines") {
-        buffer = bareReadScanlines(file);
     } else {
         buffer = bareImageBufRead(file);
     }
@@ -400,8 +437,8 @@ std::string selfPath() {
 }
 
 void registerReadPeak() {
-    for (const FileCase& file : kFileCases) {
-        for (const char* variant : {"library", "ImageInput", "ImageBuf", "scanlines"}) {
+    for (const FileCase& file : readCases()) {
+        for (const char* variant : {"library", "ImageInput", "ImageBuf"}) {
             const std::string name = std::string("read_peak_memory/") + file.name + "/" + variant;
             add(name, [file, variant](benchmark::State& state) {
                 const std::string small =

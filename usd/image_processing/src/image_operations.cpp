@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <optional>
 #include <utility>
@@ -322,7 +323,7 @@ namespace {
 
 /// The linear map of the chosen channels from [min, max] onto [targetMin, targetMax].
 struct Remap {
-    std::vector<int> selection;
+    std::vector<char> selected;  // per channel of the image: remapped (1) or carried (0)
     float min = std::numeric_limits<float>::infinity();  // an empty range until widened
     float max = -std::numeric_limits<float>::infinity();
     float targetMin = 0.0f;
@@ -331,10 +332,6 @@ struct Remap {
     void widen(float low, float high) {
         min = std::min(min, low);
         max = std::max(max, high);
-    }
-
-    bool selects(int channel) const {
-        return std::find(selection.begin(), selection.end(), channel) != selection.end();
     }
 
     /// Single precision, multiplication before division, so results match to the bit.
@@ -346,71 +343,162 @@ struct Remap {
         const float e = c / d;
         return e + targetMin;
     }
-
-    /// Remaps one pixel into `result`: `sample(c)` gives channel c as a float. Unselected
-    /// channels are carried across (through float, as setpixel takes them).
-    template <typename Sample>
-    void writePixel(OIIO::ImageBuf& result, int x, int y, int nchannels, Sample&& sample) const {
-        std::vector<float> pixel(nchannels, 0.0f);
-        for (int c = 0; c < nchannels; ++c) {
-            const float v = sample(c);
-            pixel[c] = selects(c) ? (*this)(v) : v;
-        }
-        result.setpixel(x, y, 0, pixel.data(), nchannels);
-    }
 };
 
-/// Scalar UINT32 images: the raw integers (through getPixelUIntValue), rounded to float.
-void normalizeIntegers(const Image& image, OIIO::ImageBuf& result, Remap& remap) {
-    const OIIO::ImageSpec& spec = image.buffer.spec();
-    for (const int channel : remap.selection) {
-        for (int y = 0; y < spec.height; ++y) {
-            for (int x = 0; x < spec.width; ++x) {
-                const auto v = static_cast<float>(getPixelUIntValue(image, x, y, 0, channel));
-                remap.widen(v, v);
-            }
-        }
-    }
-    VOREL_LOG(debug, "Normalizing int buffer with min : {} max : {}", remap.min, remap.max);
-    for (int y = 0; y < spec.height; ++y) {
-        for (int x = 0; x < spec.width; ++x) {
-            remap.writePixel(result, x, y, spec.nchannels, [&](int c) {
-                return static_cast<float>(getPixelUIntValue(image, x, y, 0, c));
-            });
-        }
-    }
+#if defined(__SANITIZE_THREAD__)
+extern "C" void __tsan_acquire(void* address);
+extern "C" void __tsan_release(void* address);
+#endif
+
+/// IBA::parallel_image with nthreads 0. A thread that waits on OpenImageIO's pool runs queued
+/// tasks of other callers too, and the pool hands tasks over and back through atomics in
+/// uninstrumented code; under ThreadSanitizer the same order is declared here, or reads of the
+/// caller's memory by a task would look like races.
+void parallelImage(const OIIO::ROI& region, const std::function<void(OIIO::ROI)>& task) {
+#if defined(__SANITIZE_THREAD__)
+    int handOver = 0;
+    __tsan_release(&handOver);
+    IBA::parallel_image(region, OIIO::paropt(/*maxthreads=*/0), [&](OIIO::ROI roi) {
+        __tsan_acquire(&handOver);
+        task(roi);
+        __tsan_release(&handOver);
+    });
+    __tsan_acquire(&handOver);
+#else
+    IBA::parallel_image(region, OIIO::paropt(/*maxthreads=*/0), task);
+#endif
 }
 
-/// Walks the pixels as stored (`Stored`), converted to float on OpenImageIO's scale: integer
-/// types as 0..1, the scale computePixelStats reports them on. ConstIterator<float> alone would
-/// reinterpret the bytes of any other type as floats.
-template <typename Stored>
-bool remapStoredPixels(OIIO::ImageBuf& result, const OIIO::ImageBuf& source, const Remap& remap) {
-    for (OIIO::ImageBuf::ConstIterator<Stored, float> it(source); !it.done(); ++it) {
-        remap.writePixel(result, it.x(), it.y(), source.nchannels(),
-                         [&it](int c) { return it[c]; });
+/// The part of `result` that the remap writes (always at z 0: images are flat), and the slice
+/// of the source it reads from there. `full` says whether that is all of `result`, so that
+/// nothing else needs clearing.
+struct Walk {
+    OIIO::ROI region;
+    int sourceZ = 0;
+    bool full = false;
+};
+
+/// A region of `spec` at z 0, clipped to its data window, and whether it covers the window.
+Walk flatWalk(const OIIO::ImageSpec& spec, int xbegin, int xend, int ybegin, int yend,
+              int sourceZ) {
+    Walk walk;
+    const bool hasSliceZero = spec.z <= 0 && 0 < spec.z + spec.depth;
+    const OIIO::ROI region(std::max(xbegin, spec.x), std::min(xend, spec.x + spec.width),
+                           std::max(ybegin, spec.y), std::min(yend, spec.y + spec.height), 0, 1, 0,
+                           spec.nchannels);
+    if (!hasSliceZero || region.xbegin >= region.xend || region.ybegin >= region.yend) {
+        return walk;  // an undefined region: nothing is written
     }
+    walk.region = region;
+    walk.sourceZ = sourceZ;
+    walk.full = spec.depth == 1 && walk.region == OIIO::get_roi(spec);
+    return walk;
+}
+
+/// Remaps `walk.region` of `result` from `source`, on OpenImageIO's threads. Samples are read as
+/// `Read` and then taken as float: the stored integer itself for UINT32, OpenImageIO's float
+/// view otherwise. Writing through the iterator converts as setpixel does.
+template <typename Stored, typename Read>
+bool remapRegion(OIIO::ImageBuf& result, const OIIO::ImageBuf& source, const Remap& remap,
+                 const Walk& walk) {
+    const int nchannels = source.nchannels();
+    parallelImage(walk.region, [&](OIIO::ROI roi) {
+        OIIO::ROI from = roi;
+        from.zbegin = walk.sourceZ;
+        from.zend = walk.sourceZ + 1;
+        OIIO::ImageBuf::ConstIterator<Stored, Read> in(source, from);
+        for (OIIO::ImageBuf::Iterator<Stored, float> out(result, roi); !out.done(); ++in, ++out) {
+            for (int c = 0; c < nchannels; ++c) {
+                const float v = static_cast<float>(in[c]);
+                out[c] = remap.selected[c] ? remap(v) : v;
+            }
+        }
+    });
     return true;
 }
 
-void remapPixels(const OIIO::ImageBuf& source, OIIO::ImageBuf& result, const Remap& remap) {
-    using OIIO::TypeDesc;  // OpenImageIO's dispatch macro names the pixel types unqualified
-    bool remapped = false;
-    OIIO_DISPATCH_TYPES(remapped, "normalize", remapStoredPixels, source.spec().format, result,
-                        source, remap);
-    // Nothing is tested after the walk; a pixel type without a case leaves its text on result.
-    static_cast<void>(remapped);
+template <typename Stored>
+bool remapAsFloats(OIIO::ImageBuf& result, const OIIO::ImageBuf& source, const Remap& remap,
+                   const Walk& walk) {
+    return remapRegion<Stored, float>(result, source, remap, walk);
 }
 
-/// Every other pixel type: the range from computePixelStats, then a walk over the pixels.
-void normalizeFloats(const Image& image, OIIO::ImageBuf& result, Remap& remap) {
+/// Scalar UINT32 images: the raw integers, rounded to float. Pixels are addressed from (0, 0)
+/// whatever the data window, and a position outside it reads as 0.
+void normalizeIntegers(const OIIO::ImageBuf& source, OIIO::ImageBuf& result, Remap& remap) {
+    const OIIO::ImageSpec& spec = source.spec();
+    const Walk walk = flatWalk(spec, 0, spec.width, 0, spec.height, /*sourceZ=*/0);
+    const OIIO::imagesize_t addressed = OIIO::imagesize_t(spec.width) * spec.height;
+    const OIIO::imagesize_t inside = walk.region.defined() ? walk.region.npixels() : 0;
+    if (inside < addressed) {
+        remap.widen(0.0f, 0.0f);
+    }
+    if (inside > 0) {
+        // One range per row, found in parallel and folded here: rounding to float keeps the
+        // order, so the float of the smallest integer is the smallest float.
+        const OIIO::ROI& region = walk.region;
+        std::vector<std::uint32_t> rowMin(region.height());
+        std::vector<std::uint32_t> rowMax(region.height());
+        parallelImage(region, [&](OIIO::ROI rows) {
+            for (int y = rows.ybegin; y < rows.yend; ++y) {
+                std::uint32_t low = std::numeric_limits<std::uint32_t>::max();
+                std::uint32_t high = 0;
+                const OIIO::ROI line(rows.xbegin, rows.xend, y, y + 1, 0, 1, 0, spec.nchannels);
+                for (OIIO::ImageBuf::ConstIterator<std::uint32_t, std::uint32_t> it(source, line);
+                     !it.done(); ++it) {
+                    for (int c = 0; c < spec.nchannels; ++c) {
+                        if (remap.selected[c]) {
+                            low = std::min<std::uint32_t>(low, it[c]);
+                            high = std::max<std::uint32_t>(high, it[c]);
+                        }
+                    }
+                }
+                rowMin[y - region.ybegin] = low;
+                rowMax[y - region.ybegin] = high;
+            }
+        });
+        remap.widen(static_cast<float>(*std::min_element(rowMin.begin(), rowMin.end())),
+                    static_cast<float>(*std::max_element(rowMax.begin(), rowMax.end())));
+    }
+    VOREL_LOG(debug, "Normalizing int buffer with min : {} max : {}", remap.min, remap.max);
+    if (!walk.full) {
+        IBA::zero(result, OIIO::ROI(), /*nthreads=*/0);
+    }
+    if (walk.region.defined()) {
+        remapRegion<std::uint32_t, std::uint32_t>(result, source, remap, walk);
+    }
+}
+
+/// Every other pixel type: the range from computePixelStats, then one pass over the pixels in
+/// OpenImageIO's float view (integer types as 0..1, the scale the statistics report them on).
+void normalizeFloats(const OIIO::ImageBuf& source, OIIO::ImageBuf& result,
+                     const std::vector<int>& selection, Remap& remap) {
     const OIIO::ImageBufAlgo::PixelStats stats =
-        IBA::computePixelStats(image.buffer, OIIO::ROI(), /*nthreads=*/0);
-    for (const int channel : remap.selection) {
+        IBA::computePixelStats(source, OIIO::ROI(), /*nthreads=*/0);
+    for (const int channel : selection) {
         remap.widen(stats.min[channel], stats.max[channel]);
     }
     VOREL_LOG(debug, "Normalizing float buffer with min : {} max : {}", remap.min, remap.max);
-    remapPixels(image.buffer, result, remap);
+
+    // Every pixel lands at z 0, so of a volume the last slice is what stays there.
+    const OIIO::ImageSpec& spec = source.spec();
+    const Walk walk = flatWalk(spec, spec.x, spec.x + spec.width, spec.y, spec.y + spec.height,
+                               /*sourceZ=*/spec.z + spec.depth - 1);
+    if (!walk.full) {
+        IBA::zero(result, OIIO::ROI(), /*nthreads=*/0);
+    }
+    if (!walk.region.defined()) {
+        return;
+    }
+    using OIIO::TypeDesc;  // OpenImageIO's dispatch macro names the pixel types unqualified
+    bool remapped = false;
+    OIIO_DISPATCH_TYPES(remapped, "normalize", remapAsFloats, spec.format, result, source, remap,
+                        walk);
+    // Nothing is reported after the walk; a pixel type without a case leaves its text on result,
+    // whose pixels are then all 0.
+    if (!remapped) {
+        IBA::zero(result, OIIO::ROI(), /*nthreads=*/0);
+    }
 }
 
 }  // namespace
@@ -419,11 +507,8 @@ Image normalize(const Image& image, float targetMin, float targetMax,
                 const std::vector<std::string>& channelNames) {
     const OIIO::ImageSpec spec = image.buffer.spec();
     static const std::vector<std::string> defaultChannelNames{"R", "G", "B"};
-    OIIO::ImageBuf result(spec, OIIO::InitializePixels::Yes);
 
-    Remap remap;
-    remap.targetMin = targetMin;
-    remap.targetMax = targetMax;
+    std::vector<int> selection;
     for (const std::string& name : channelNames.empty() ? defaultChannelNames : channelNames) {
         const int index = spec.channelindex(name);
         if (index < 0 || index >= spec.nchannels) {
@@ -432,13 +517,22 @@ Image normalize(const Image& image, float targetMin, float targetMax,
                       name, fmt::join(spec.channelnames, ", "));
             return Image{};
         }
-        remap.selection.push_back(index);
+        selection.push_back(index);
+    }
+    Remap remap;
+    remap.targetMin = targetMin;
+    remap.targetMax = targetMax;
+    remap.selected.assign(spec.nchannels, 0);
+    for (const int channel : selection) {
+        remap.selected[channel] = 1;
     }
 
+    // Not cleared here: the pass writes every pixel, or the path clears what it leaves out.
+    OIIO::ImageBuf result(spec, OIIO::InitializePixels::No);
     if (isScalarUInt32(image.buffer.pixeltype())) {
-        normalizeIntegers(image, result, remap);
+        normalizeIntegers(image.buffer, result, remap);
     } else {
-        normalizeFloats(image, result, remap);
+        normalizeFloats(image.buffer, result, selection, remap);
     }
     return resultImage(std::move(result), &image);
 }
