@@ -99,8 +99,12 @@ Image readImage(const std::filesystem::path& path) {
         // without pixels and the reason on it (deep files have no flat pixels either): a failed
         // read.
         buffer = allocatePixels(spec, OIIO::InitializePixels::No);
+        if (spec.image_pixels() == 0) {
+            // A header that claims no rows or columns: OpenImageIO still allocates a row.
+            buffer.errorfmt("the file claims {}x{} pixels", spec.width, spec.height);
+        }
         auto* const pixels = static_cast<char*>(buffer.localpixels());
-        const bool read = pixels != nullptr && readBands(*in, spec, pixels);
+        const bool read = pixels != nullptr && !buffer.has_error() && readBands(*in, spec, pixels);
         if (read) {
             in->close();
             Image image;
