@@ -126,8 +126,24 @@ void addDamaged(Sample valid, unsigned seed, const std::vector<std::string>& ext
     }
 }
 
-/// The valid files, written by OpenImageIO itself from gradients so that they hold real data, and
-/// their damaged versions. 64 pixels wide: OpenImageIO 2.4.7's HEIF writer reads past the end of
+/// One valid file of every format of the table, written by OpenImageIO itself from a gradient of
+/// `width` x `height` so that it holds real data.
+std::vector<Sample> validFiles(const fs::path& folder, int width, int height, float step) {
+    std::vector<Sample> valid;
+    for (const Format& format : kFormats) {
+        const std::string recipe = std::string(format.extension + 1) + "-" +
+                                   std::to_string(format.channels) + "x" + format.type.c_str();
+        const fs::path path = folder / (recipe + format.extension);
+        vorel::test::writeWithOIIO(
+            vorel::test::makeGradient(width, height, format.channels, format.type, step).buffer,
+            path);
+        std::ifstream in(path, std::ios::binary);
+        valid.push_back({recipe, format.extension, {std::istreambuf_iterator<char>(in), {}}});
+    }
+    return valid;
+}
+
+/// The valid files at 64 x 12 and their damaged versions. 64 pixels wide: OpenImageIO 2.4.7's HEIF writer reads past the end of
 /// the caller's pixels for images narrower than that (AddressSanitizer: heap-buffer-overflow in
 /// HeifOutput::write_scanline, widths 16 to 63).
 std::vector<Sample> corpus(const fs::path& folder) {
@@ -136,16 +152,10 @@ std::vector<Sample> corpus(const fs::path& folder) {
         extensions.push_back(format.extension);
     }
     extensions.erase(std::unique(extensions.begin(), extensions.end()), extensions.end());
+    const std::vector<Sample> valid = validFiles(folder, 64, 12, 0.002f);
     std::vector<Sample> all;
-    for (const Format& format : kFormats) {
-        const std::string recipe = std::string(format.extension + 1) + "-" +
-                                   std::to_string(format.channels) + "x" + format.type.c_str();
-        const fs::path path = folder / (recipe + format.extension);
-        vorel::test::writeWithOIIO(
-            vorel::test::makeGradient(64, 12, format.channels, format.type, 0.002f).buffer, path);
-        std::ifstream in(path, std::ios::binary);
-        addDamaged({recipe, format.extension, {std::istreambuf_iterator<char>(in), {}}},
-                   static_cast<unsigned>(1000 + (&format - kFormats)), extensions, all);
+    for (size_t i = 0; i < valid.size(); ++i) {
+        addDamaged(valid[i], static_cast<unsigned>(1000 + i), extensions, all);
     }
     return all;
 }
@@ -296,14 +306,7 @@ void fixPngHeaderCrc(std::string& bytes) {
 /// writer reads past the end of the rows of other widths (AddressSanitizer: heap-buffer-overflow).
 std::vector<Sample> claimsCorpus(const fs::path& folder) {
     std::vector<Sample> all;
-    for (const Format& format : kFormats) {
-        const std::string recipe = std::string(format.extension + 1) + "-" +
-                                   std::to_string(format.channels) + "x" + format.type.c_str();
-        const fs::path path = folder / (recipe + format.extension);
-        vorel::test::writeWithOIIO(
-            vorel::test::makeGradient(128, 37, format.channels, format.type, 0.0002f).buffer, path);
-        std::ifstream in(path, std::ios::binary);
-        const Sample valid{recipe, format.extension, {std::istreambuf_iterator<char>(in), {}}};
+    for (const Sample& valid : validFiles(folder, 128, 37, 0.0002f)) {
         addClaims(valid, 128, 37, all);
     }
     for (Sample& sample : all) {
