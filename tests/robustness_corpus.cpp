@@ -143,9 +143,9 @@ std::vector<Sample> validFiles(const fs::path& folder, int width, int height, fl
     return valid;
 }
 
-/// The valid files at 64 x 12 and their damaged versions. 64 pixels wide: OpenImageIO 2.4.7's HEIF writer reads past the end of
-/// the caller's pixels for images narrower than that (AddressSanitizer: heap-buffer-overflow in
-/// HeifOutput::write_scanline, widths 16 to 63).
+/// The valid files at 64 x 12 and their damaged versions. 64 pixels wide: OpenImageIO 2.4.7's HEIF
+/// writer reads past the end of the caller's pixels for images narrower than that
+/// (AddressSanitizer: heap-buffer-overflow in HeifOutput::write_scanline, widths 16 to 63).
 std::vector<Sample> corpus(const fs::path& folder) {
     std::vector<std::string> extensions;  // in table order; a format's rows are neighbours
     for (const Format& format : kFormats) {
