@@ -397,7 +397,8 @@ protected:
                                 ip::getNumChannels(image) == spec.nchannels &&
                                 image.buffer.roi() == OIIO::get_roi_full(spec)
                           : spec.width == 0 && spec.height == 0))
-            << "getImageFromAssetPath: properties, or an inconsistent image";
+            << "getImageFromAssetPath: properties, or an inconsistent image of " << spec.width
+            << "x" << spec.height << "x" << spec.nchannels << " " << spec.format;
         expectLog("getImageFromAssetPath", spdlog::level::err,
                   read ? Lines{}
                        : Lines{"Failed to open image " + file,

@@ -95,16 +95,12 @@ Image readImage(const std::filesystem::path& path) {
     if (in) {
         const OIIO::ImageSpec& spec = in->spec();
         // Uninitialised local storage that the decoder fills and the result keeps. A size beyond
-        // the host's limits, or an allocation that failed inside OpenImageIO, leaves a buffer
-        // without pixels and the reason on it (deep files have no flat pixels either): a failed
-        // read.
+        // the host's limits or of no pixels, or an allocation that failed inside OpenImageIO,
+        // leaves a buffer without pixels and the reason on it (deep files have no flat pixels
+        // either): a failed read.
         buffer = allocatePixels(spec, OIIO::InitializePixels::No);
-        if (spec.image_pixels() == 0) {
-            // A header that claims no rows or columns: OpenImageIO still allocates a row.
-            buffer.errorfmt("the file claims {}x{} pixels", spec.width, spec.height);
-        }
         auto* const pixels = static_cast<char*>(buffer.localpixels());
-        const bool read = pixels != nullptr && !buffer.has_error() && readBands(*in, spec, pixels);
+        const bool read = pixels != nullptr && readBands(*in, spec, pixels);
         if (read) {
             in->close();
             Image image;
@@ -162,49 +158,41 @@ Image createImageFromData(void* data, int width, int height, int numChannels,
 // ---------------------------------------------------------------------------------------------
 
 Image getImageFromAssetPath(const std::string& assetPath) {
-    Image image;
     const PXR_NS::HioImageSharedPtr hioImage = PXR_NS::HioImage::OpenForReading(
         assetPath, /*subimage=*/0, /*mip=*/0, PXR_NS::HioImage::Auto, /*suppressErrors=*/false);
     if (!hioImage) {
         VOREL_LOG(err, "Failed to open image {}", assetPath);
         return Image{};
     }
+    // One UINT8 channel per byte of a pixel, whatever the format: a wider format's pixels come
+    // through as their raw bytes. Hio reads straight into the result's memory, cleared first as
+    // any new image is; the size is the file's claim, so it goes through the same checks as any
+    // other untrusted size before anything is allocated.
     const size_t bytesPerPixel =
         PXR_NS::HioGetDataSizeOfFormat(hioImage->GetFormat(), nullptr, nullptr);
-    // The size is the file's claim: refused, before anything is allocated, when no memory could
-    // hold it or when it passes the host's OpenImageIO limits, which the copy below must pass too.
-    const std::optional<size_t> byteCount = checkedProduct(
-        {hioImage->GetWidth(), hioImage->GetHeight(), static_cast<std::int64_t>(bytesPerPixel)});
-    if (!byteCount || !pixelMemoryRefusal(hioImage->GetWidth(), hioImage->GetHeight(), 1,
-                                          static_cast<int>(bytesPerPixel), OIIO::TypeUInt8)
-                           .empty()) {
-        VOREL_LOG(err, "Reading of image {} failed", assetPath);
+    const OIIO::ImageSpec spec(hioImage->GetWidth(), hioImage->GetHeight(),
+                               static_cast<int>(bytesPerPixel), OIIO::TypeUInt8);
+    OIIO::ImageBuf buffer = allocatePixels(spec, OIIO::InitializePixels::Yes);
+    if (buffer.localpixels() == nullptr) {
+        VOREL_LOG(err, "Couldn't create image:\n{}", buffer.geterror(true));
         return Image{};
     }
     // Hio delivers the format the file has, so nothing is converted, in its own row order.
-    std::vector<unsigned char> pixels(*byteCount, 0);
     PXR_NS::HioImage::StorageSpec storage;
-    storage.width = hioImage->GetWidth();
-    storage.height = hioImage->GetHeight();
+    storage.width = spec.width;
+    storage.height = spec.height;
     storage.depth = 0;
     storage.format = hioImage->GetFormat();
     storage.flipped = false;
-    storage.data = pixels.data();
+    storage.data = buffer.localpixels();
     if (!hioImage->Read(storage)) {
         VOREL_LOG(err, "Reading of image {} failed", assetPath);
         return Image{};
     }
-    // One UINT8 channel per byte of a pixel, whatever the format: a wider format's pixels come
-    // through as their raw bytes.
-    const OIIO::TypeDesc byteType(OIIO::TypeDesc::UINT8);
-    image = createImageFromData(pixels.data(), hioImage->GetWidth(), hioImage->GetHeight(),
-                                static_cast<int>(bytesPerPixel), byteType);
-    if (getColorSpace(image).empty() && hioImage->IsColorSpaceSRGB()) {
+    Image image;
+    image.buffer = std::move(buffer);
+    if (hioImage->IsColorSpaceSRGB()) {
         setColorSpace(image, "sRGB");
-    }
-    // createImageFromData has logged its own failure.
-    if (!image.buffer.initialized()) {
-        return Image{};
     }
     return image;
 }

@@ -63,8 +63,13 @@ inline OIIO::ImageBuf withoutPixels(const std::string& why) {
 
 /// An ImageBuf of `spec` with local pixel memory or, when that memory isn't to be had, one without
 /// whose error says why: our refusal, or OpenImageIO's own text when its allocation failed (it
-/// swallows std::bad_alloc and leaves the buffer without memory).
+/// swallows std::bad_alloc and leaves the buffer without memory). A spec of no pixels at all (a
+/// header that claims no rows or columns) is refused too: OpenImageIO would make a row of it.
 inline OIIO::ImageBuf allocatePixels(const OIIO::ImageSpec& spec, OIIO::InitializePixels zero) {
+    if (spec.image_pixels() == 0) {
+        return withoutPixels(fmt::format("the image claims {}x{}x{} pixels", spec.width,
+                                         spec.height, spec.depth));
+    }
     const std::string refusal =
         pixelMemoryRefusal(spec.width, spec.height, spec.depth, spec.nchannels, spec.format);
     return refusal.empty() ? OIIO::ImageBuf(spec, zero) : withoutPixels(refusal);
