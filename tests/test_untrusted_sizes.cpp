@@ -64,6 +64,12 @@ TEST_F(UntrustedSizes, ReadImageFailsOnPixelMemoryThatAFileClaims) {
         expectFailureLine(spdlog::level::err, "Couldn't create image:\n",
                           "exceed the limit of 1024 MB");
     }
+    // Found by the fuzzer: a DPX header of no columns and 2^30 rows. The claim is of no pixels,
+    // but OpenImageIO's ImageBuf makes a column of it: 8 GB allocated before the read fails.
+    const fs::path noColumns = fs::path(VOREL_FUZZ_REPRODUCERS) / "zero-width-huge-height.dpx";
+    EXPECT_FALSE(ip::readImage(noColumns).buffer.initialized());
+    expectFailureLine(spdlog::level::warn, "Couldn't read image " + noColumns.string() + ":\n",
+                      "the image claims 0x1073807360x1 pixels");
 #if !defined(__SANITIZE_ADDRESS__)  // the sanitizer ends the process on a failed allocation
     // With no limit at all, 8 TB that OpenImageIO can't allocate: its own text.
     const vorel::test::ScopedLimit none("limits:imagesize_MB", 0);

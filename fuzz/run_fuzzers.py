@@ -1,0 +1,88 @@
+#!/usr/bin/env python3
+"""Runs the fuzz targets for a bounded time and sorts what they find.
+
+OpenImageIO 2.4.7's readers crash on some files by themselves (RLA's channel-type assertion, GIF's
+std::length_error thrown through a noexcept function, IFF and HEIF overruns, ...): a fuzzer finds
+new ones of those within seconds, and no call of ours can avoid them, since ImageInput::open tries
+every reader on a file that the named one refuses. So each target runs in libFuzzer's fork mode,
+which goes on after a crash, and every input it kept as a crash, timeout or out-of-memory is run
+again alone and its stack read:
+
+- ours: the innermost frame of code (past the sanitizer, the C and C++ runtimes and libFuzzer) is
+  in this project (its libraries or a fuzz target), or a single huge allocation was made for an
+  ImageBuf's pixels, whose sizes the library checks before it allocates;
+- a dependency's: anything else (OpenImageIO, OpenUSD and the codecs below them), reported with
+  its innermost frame and kept out of the verdict.
+
+Exits with 1 when any input is ours, after printing its report.
+"""
+
+import argparse
+import pathlib
+import re
+import shutil
+import subprocess
+import sys
+
+TARGETS = ("fuzz_read_image", "fuzz_asset_image")
+RUNTIME = re.compile(
+    r"libasan|libubsan|libclang_rt|__asan|__sanitizer|__interceptor|fuzzer::|libc\.so|"
+    r"libstdc\+\+|libgcc_s|ld-linux|\b(abort|raise|__assert_fail|__pthread_kill\w*|malloc|calloc|"
+    r"realloc|operator new\S*|_start|main)\b")
+OURS = re.compile(r"vorel|LLVMFuzzerTestOneInput|/fuzz/|/usd/image_processing/|/usd/stand_in/")
+FRAME = re.compile(r"^\s*#\d+ 0x[0-9a-f]+ in (.*)$")
+
+
+def run_target(binary: pathlib.Path, seeds: pathlib.Path, work: pathlib.Path, seconds: int):
+    corpus, artifacts = work / "corpus", work / "artifacts"
+    shutil.rmtree(work, ignore_errors=True)
+    corpus.mkdir(parents=True)
+    artifacts.mkdir()
+    subprocess.run(
+        [str(binary), "-fork=1", "-ignore_crashes=1", "-ignore_ooms=1", "-ignore_timeouts=1",
+         f"-max_total_time={seconds}", "-timeout=10", "-rss_limit_mb=2560",
+         f"-artifact_prefix={artifacts}/", str(corpus), str(seeds)],
+        env={"ASAN_OPTIONS": "detect_leaks=0"}, check=False)
+    return sorted(artifacts.iterdir())
+
+
+def classify(binary: pathlib.Path, artifact: pathlib.Path):
+    """('ours' | 'dependency', innermost frame, the whole report) of one kept input."""
+    result = subprocess.run([str(binary), "-timeout=10", "-rss_limit_mb=2560", str(artifact)],
+                            env={"ASAN_OPTIONS": "detect_leaks=0"}, capture_output=True,
+                            text=True, errors="replace", timeout=300, check=False)
+    report = result.stdout + result.stderr
+    frames = [m.group(1) for m in map(FRAME.match, report.splitlines()) if m]
+    innermost = next((f for f in frames if not RUNTIME.search(f)), "(no frame of code)")
+    if result.returncode == 0:
+        return "dependency", "does not happen again alone (memory or time of a whole run)", report
+    huge_pixel_allocation = "out-of-memory (malloc(" in report and any(
+        "ImageBufImpl::alloc" in f for f in frames)
+    ours = huge_pixel_allocation or bool(OURS.search(innermost))
+    return ("ours" if ours else "dependency"), innermost, report
+
+
+def main() -> int:
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--build", type=pathlib.Path, required=True, help="the VOREL_FUZZ build")
+    parser.add_argument("--seconds", type=int, default=40, help="fuzzing time per target")
+    args = parser.parse_args()
+    seeds = args.build / "fuzz" / "seeds"
+    ours = 0
+    for target in TARGETS:
+        binary = args.build / "fuzz" / target
+        found = run_target(binary, seeds, args.build / "fuzz-runs" / target, args.seconds)
+        print(f"== {target}: {len(found)} inputs kept as crash, timeout or out-of-memory")
+        for artifact in found:
+            verdict, innermost, report = classify(binary, artifact)
+            print(f"  {verdict}: {artifact.name}: {innermost[:160]}")
+            if verdict == "ours":
+                ours += 1
+                print(report[-6000:])
+    print(f"== {ours} inputs fail in the library's own code" if ours else
+          "== nothing found in the library's own code")
+    return 1 if ours else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
