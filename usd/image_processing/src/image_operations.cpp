@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <functional>
 #include <limits>
 #include <optional>
 #include <utility>
@@ -16,6 +15,7 @@
 #include <fmt/format.h>
 #include <vorel/base/logging.h>
 
+#include "parallel_image.h"
 #include "pixel_memory.h"
 #include "pixel_types.h"
 
@@ -344,30 +344,6 @@ struct Remap {
         return e + targetMin;
     }
 };
-
-#if defined(__SANITIZE_THREAD__)
-extern "C" void __tsan_acquire(void* address);
-extern "C" void __tsan_release(void* address);
-#endif
-
-/// IBA::parallel_image with nthreads 0. A thread that waits on OpenImageIO's pool runs queued
-/// tasks of other callers too, and the pool hands tasks over and back through atomics in
-/// uninstrumented code; under ThreadSanitizer the same order is declared here, or reads of the
-/// caller's memory by a task would look like races.
-void parallelImage(const OIIO::ROI& region, const std::function<void(OIIO::ROI)>& task) {
-#if defined(__SANITIZE_THREAD__)
-    int handOver = 0;
-    __tsan_release(&handOver);
-    IBA::parallel_image(region, OIIO::paropt(/*maxthreads=*/0), [&](OIIO::ROI roi) {
-        __tsan_acquire(&handOver);
-        task(roi);
-        __tsan_release(&handOver);
-    });
-    __tsan_acquire(&handOver);
-#else
-    IBA::parallel_image(region, OIIO::paropt(/*maxthreads=*/0), task);
-#endif
-}
 
 /// The part of `result` that the remap writes (always at z 0: images are flat), and the slice
 /// of the source it reads from there. `full` says whether that is all of `result`, so that
