@@ -45,7 +45,13 @@ const Format kFormats[] = {
 
 /// Files that take the process down inside OpenImageIO 2.4.7 itself: oiiotool and iinfo crash on
 /// them as well, with no call of ours involved. Kept out of the corpus, by name, so that the rest
-/// still runs; the recipes recreate them.
+/// still runs; the recipes recreate them. The fuzzer (fuzz/run_fuzzers.py) meets two more within
+/// seconds inside ImageInput::open, which tries every reader on a file that the named one
+/// refuses; no recipe here makes them:
+/// - RLA: a header whose channel type is none of the known ones; RLAInput::seek_subimage aborts
+///   on its assertion "Invalid colour channel type" (rlainput.cpp:725);
+/// - GIF: GIFInput::seek_subimage lets std::length_error escape a noexcept function, and the
+///   process ends in std::terminate.
 const std::set<std::string> kOpenImageIOCrashes = {
     // TBHD chunk: bit 3 of byte 45 (the word after the compression field) set. The IFF reader's
     // read_native_tile then writes past its tile buffer: a heap overflow that ends in a segfault
@@ -59,12 +65,6 @@ const std::set<std::string> kOpenImageIOCrashes = {
     // valgrind reports the same invalid reads for oiiotool alone); no crash without a sanitizer.
     "iff-4xuint8/word-44=0",
     "iff-4xuint8/word-48=2",
-    // The fuzzer (fuzz/run_fuzzers.py) meets two more within seconds, inside ImageInput::open,
-    // which tries every reader on a file that the named one refuses. No recipe here makes them:
-    // - RLA: a header whose channel type is none of the known ones; RLAInput::seek_subimage aborts
-    //   on its assertion "Invalid colour channel type" (rlainput.cpp:725);
-    // - GIF: GIFInput::seek_subimage lets std::length_error escape a noexcept function, and the
-    //   process ends in std::terminate.
 };
 
 /// Appends a valid file and the damaged files derived from it. Apart from truncations and wrong
