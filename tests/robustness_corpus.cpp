@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstdint>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <random>
 #include <set>
@@ -443,28 +444,39 @@ protected:
         }
     }
 
+    /// Writes each distinct sample that `keptOut` doesn't name to a file (every kStride-th of
+    /// them), hands it to `read`, and returns how many distinct samples there were. Different
+    /// recipes can give the same file (a truncation meeting a flipped byte's end): it counts once.
+    size_t readEach(const std::vector<Sample>& samples,
+                    const std::function<bool(const std::string&)>& keptOut,
+                    const std::function<void(const fs::path&)>& read) {
+        reportCrashes();
+        std::set<std::pair<std::string, std::string>> seen;
+        size_t distinct = 0;
+        for (const Sample& sample : samples) {
+            if (keptOut(sample.recipe) || !seen.insert({sample.extension, sample.bytes}).second ||
+                distinct++ % kStride != 0) {
+                continue;
+            }
+            SCOPED_TRACE(sample.recipe);
+            crashNote = "\n*** crash while reading corpus file: " + sample.recipe + "\n";
+            const fs::path path = temp / ("corpus" + sample.extension);
+            std::ofstream(path, std::ios::binary).write(sample.bytes.data(), sample.bytes.size());
+            EXPECT_NO_THROW(read(path));
+            fs::remove(path);
+        }
+        crashNote.clear();
+        return distinct;
+    }
+
     int read_ = 0, refused_ = 0, loaded_ = 0;
 };
 
 TEST_F(RobustnessCorpus, EveryDamagedFileGivesAConsistentImageOrOneFailureLine) {
-    reportCrashes();
-    // Different recipes can give the same file (a truncation meeting a flipped byte's end): each
-    // distinct file counts once, and every kStride-th of them is tried.
-    std::set<std::pair<std::string, std::string>> seen;
-    size_t distinct = 0;
-    for (const Sample& sample : corpus(temp.path())) {
-        if (kOpenImageIOCrashes.count(sample.recipe) != 0 ||
-            !seen.insert({sample.extension, sample.bytes}).second || distinct++ % kStride != 0) {
-            continue;
-        }
-        SCOPED_TRACE(sample.recipe);
-        crashNote = "\n*** crash while reading corpus file: " + sample.recipe + "\n";
-        const fs::path path = temp / ("corpus" + sample.extension);
-        std::ofstream(path, std::ios::binary).write(sample.bytes.data(), sample.bytes.size());
-        EXPECT_NO_THROW(check(path));
-        fs::remove(path);
-    }
-    crashNote.clear();
+    const size_t distinct = readEach(
+        corpus(temp.path()),
+        [](const std::string& recipe) { return kOpenImageIOCrashes.count(recipe) != 0; },
+        [this](const fs::path& path) { check(path); });
     // Both outcomes must be well represented, or the corpus doesn't test what it claims to.
     EXPECT_GT(distinct, 2000u);
     EXPECT_TRUE(read_ > 100 && refused_ > 100 && loaded_ > 100)
@@ -472,37 +484,25 @@ TEST_F(RobustnessCorpus, EveryDamagedFileGivesAConsistentImageOrOneFailureLine) 
 }
 
 TEST_F(RobustnessCorpus, HeadersClaimingOtherSizesGiveAConsistentImageOrOneFailureLine) {
-    reportCrashes();
     // A host reading untrusted files tightens OpenImageIO's limits; every claim beyond them is
     // then refused before anything of its size is allocated, also by getImageFromAssetPath.
     const vorel::test::ScopedLimit imageSize("limits:imagesize_MB", 64);
     const vorel::test::ScopedLimit channels("limits:channels", 64);
-    std::set<std::pair<std::string, std::string>> seen;
-    size_t distinct = 0;
-    for (const Sample& sample : claimsCorpus(temp.path())) {
-        if (kOpenImageIOClaimCrashes.count(sample.recipe) != 0 ||
-            isClaimOfCrashingReader(sample.recipe) ||
-            !seen.insert({sample.extension, sample.bytes}).second || distinct++ % kStride != 0) {
-            continue;
-        }
-        SCOPED_TRACE(sample.recipe);
-        crashNote = "\n*** crash while reading corpus file: " + sample.recipe + "\n";
-        const fs::path path = temp / ("claim" + sample.extension);
-        std::ofstream(path, std::ios::binary).write(sample.bytes.data(), sample.bytes.size());
-        EXPECT_NO_THROW(check(path));
-        // check() leaves huge claims out of getImageFromAssetPath; under these limits it refuses
-        // them before allocating.
-        const ip::ImageSpec size = ip::getImageSpec(path);
-        log.clear();
-        if (int64_t{size.width} * size.height > kHugePixelCount) {
-            const std::string file = path.string();
-            ip::Image asset;
-            EXPECT_NO_THROW(asset = ip::getImageFromAssetPath(file));
-            expectAssetContract(asset, file);
-        }
-        fs::remove(path);
-    }
-    crashNote.clear();
+    const auto keptOut = [](const std::string& recipe) {
+        return kOpenImageIOClaimCrashes.count(recipe) != 0 || isClaimOfCrashingReader(recipe);
+    };
+    const size_t distinct =
+        readEach(claimsCorpus(temp.path()), keptOut, [this](const fs::path& path) {
+            check(path);
+            // check() leaves huge claims out of getImageFromAssetPath; under these limits it
+            // refuses them before allocating.
+            const ip::ImageSpec size = ip::getImageSpec(path);
+            log.clear();
+            if (int64_t{size.width} * size.height > kHugePixelCount) {
+                const std::string file = path.string();
+                expectAssetContract(ip::getImageFromAssetPath(file), file);
+            }
+        });
     EXPECT_GT(distinct, 500u);
 }
 
