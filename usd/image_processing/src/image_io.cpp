@@ -154,17 +154,15 @@ Image createImageFromData(void* data, int width, int height, int numChannels,
         refusal.empty() ? OIIO::ImageBuf(OIIO::ImageSpec(width, height, numChannels, format),
                                          OIIO::InitializePixels::Yes)
                         : withoutPixels(refusal);
-    // The result of set_pixels is not what decides: the buffer's error state is. A buffer without
-    // memory already says why (OpenImageIO's failed allocation leaves its text there). OpenImageIO
-    // 2.4 crashes on a null source instead of failing, so that case is refused on the buffer
-    // itself and goes the same way as any other failure.
-    if (buffer.localpixels() != nullptr) {
-        if (data == nullptr) {
-            buffer.error("no pixel data: the data pointer is null");
-        } else {
-            buffer.set_pixels(buffer.roi(), format, data, OIIO::AutoStride, OIIO::AutoStride,
-                              OIIO::AutoStride);
-        }
+    // The result of set_pixels is not what decides: the buffer's error state is. set_pixels
+    // fails cleanly on a buffer without memory and adds its own text to the reason already
+    // there. OpenImageIO 2.4 crashes on a null source instead of failing, so that case is
+    // refused on the buffer itself and goes the same way as any other failure.
+    if (data != nullptr) {
+        buffer.set_pixels(buffer.roi(), format, data, OIIO::AutoStride, OIIO::AutoStride,
+                          OIIO::AutoStride);
+    } else if (buffer.localpixels() != nullptr) {
+        buffer.error("no pixel data: the data pointer is null");
     }
     if (buffer.has_error()) {
         VOREL_LOG(err, "Couldn't create image:\n{}", buffer.geterror(true));
