@@ -328,7 +328,8 @@ void bindIdImages(py::module_& m) {
 
 }  // namespace
 
-PYBIND11_MODULE(vorel_usd_image_processing, m) {
+// The compiled half of the package vorel_usd_image_processing, whose __init__ re-exports it.
+PYBIND11_MODULE(_core, m) {
     m.doc() = R"doc(
 Image reading, writing and operations for USD pipelines, over OpenImageIO. The functions keep
 their C++ names and failure values: an empty (falsy) Image, False or 0, with the reason in the

@@ -1,0 +1,8 @@
+"""Image reading, writing and operations for USD pipelines, over OpenImageIO.
+
+The functions keep their C++ names and failure values: an empty (falsy) Image, False or 0, with
+the reason in the "vorel_usd_image_processing" logger of Python's logging. The compiled bindings
+live in ``_core``; ``vorel_usd_image_processing.batch`` converts many files on Dask.
+"""
+
+from ._core import *  # noqa: F401,F403  (the bindings' names, at the package's top level)
