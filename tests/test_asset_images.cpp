@@ -12,6 +12,7 @@
 
 namespace fs = std::filesystem;
 namespace ip = vorel::usd::image_processing;
+using namespace vorel::test;
 using PXR_NS::HioImage;
 using T = OIIO::TypeDesc;
 using Bytes = std::vector<unsigned char>;
@@ -37,15 +38,15 @@ bool readInto(HioImage& image, int width, int height, PXR_NS::HioFormat format, 
     return image.Read(storage);
 }
 
-class AssetImages : public vorel::test::LibraryTest {
+class AssetImages : public LibraryTest {
 protected:
     // A 5 x 3 gradient (exact in RGBE too) written by OpenImageIO with colour beside alpha stored
     // as it is; "oiio:ColorSpace" decides which colour chunks the PNG writer emits.
     Bytes write(const std::string& name, int channels, T type, const char* colorSpace = "") {
-        ip::Image image = vorel::test::makeGradient(5, 3, channels, type, 0.25f);
+        ip::Image image = makeGradient(5, 3, channels, type, 0.25f);
         image.buffer.specmod().attribute("oiio:UnassociatedAlpha", 1);
         image.buffer.specmod().attribute("oiio:ColorSpace", colorSpace);
-        vorel::test::writeWithOIIO(image.buffer, temp / name);
+        writeWithOIIO(image.buffer, temp / name);
         return bytesOf(image.buffer, type);
     }
     PXR_NS::HioImageSharedPtr open(const std::string& name, int subimage = 0, int mip = 0,
@@ -104,8 +105,8 @@ TEST_F(AssetImages, SamplesAsStoredSRGBByGammaChunkThen8BitColourAndAssetsAsByte
     EXPECT_EQ(std::count(smaller.begin() + 32, smaller.end(), 0xAB), 28);
     // stb_image cuts 16-bit samples to their high byte.
     uint16_t deepSamples[] = {0x12FF, 0x0080, 0xFFFF};  // rounding would give 0x13, 0x01
-    vorel::test::writeWithOIIO(OIIO::ImageBuf(OIIO::ImageSpec(1, 1, 3, T::UINT16), deepSamples),
-                               temp / "deep.png");
+    writeWithOIIO(OIIO::ImageBuf(OIIO::ImageSpec(1, 1, 3, T::UINT16), deepSamples),
+                  temp / "deep.png");
     const ip::Image cut = ip::getImageFromAssetPath((temp / "deep.png").string());
     EXPECT_EQ(bytesOf(cut.buffer, T::UINT8), (Bytes{0x12, 0x00, 0xFF}));
     expectNoWarnings();
@@ -129,12 +130,12 @@ TEST_F(AssetImages, JpegWithinTwoOfOpenImageIOTiffAndUInt32OpenEXRAsTheHioHasThe
     const std::string tiff = (temp / "rgb8.tif").string(), exr = (temp / "uint.exr").string();
     write("rgb8.tif", 3, T::UINT8);
     EXPECT_FALSE(ip::getImageFromAssetPath(tiff).buffer.initialized());
-    expectOnlyMessage(spdlog::level::err, "Failed to open image " + tiff);
+    expectOnly(spdlog::level::err, "Failed to open image " + tiff);
     write("uint.exr", 1, T::UINT32);
     EXPECT_EQ(open("uint.exr")->GetFormat(), PXR_NS::HioFormatInt32);
     log.clear();
     EXPECT_FALSE(ip::getImageFromAssetPath(exr).buffer.initialized());
-    expectOnlyMessage(spdlog::level::err, "Reading of image " + exr + " failed");
+    expectOnly(spdlog::level::err, "Reading of image " + exr + " failed");
 #endif
 }
 
@@ -151,14 +152,14 @@ TEST_F(AssetImages, HioGivesNullSilentlyTheAssetPathItsOneMessage) {
 
     const std::string missing = (temp / "missing.png").string();
     EXPECT_FALSE(ip::getImageFromAssetPath(missing).buffer.initialized());
-    expectOnlyMessage(spdlog::level::err, "Failed to open image " + missing);
+    expectOnly(spdlog::level::err, "Failed to open image " + missing);
     // Hio opens the header of a cut-off file and fails when decoding it.
     const fs::path truncated = temp / "truncated.png";
-    vorel::test::writeWithOIIO(vorel::test::makeGradient(64, 64, 3, T::UINT8).buffer, truncated);
+    writeWithOIIO(makeGradient(64, 64, 3, T::UINT8).buffer, truncated);
     fs::resize_file(truncated, fs::file_size(truncated) / 2);
     log.clear();
     EXPECT_FALSE(ip::getImageFromAssetPath(truncated.string()).buffer.initialized());
-    expectOnlyMessage(spdlog::level::err, "Reading of image " + truncated.string() + " failed");
+    expectOnly(spdlog::level::err, "Reading of image " + truncated.string() + " failed");
 }
 
 TEST_F(AssetImages, HgiFormatsTranslateValueByValueHioFormatsHaveTheirByteSizes) {
@@ -180,10 +181,10 @@ TEST_F(AssetImages, HgiFormatsTranslateValueByValueHioFormatsHaveTheirByteSizes)
     for (const auto format : {PXR_NS::HgiFormatInvalid, PXR_NS::HgiFormatBC6FloatVec3}) {
         log.clear();
         EXPECT_EQ(ip::getNumChannelsFromHgiFormat(format), 0) << format;
-        expectOnlyMessage(spdlog::level::err, "Unsupported hgiFormat");
+        expectOnly(spdlog::level::err, "Unsupported hgiFormat");
         log.clear();
         EXPECT_EQ(ip::getOIIOTypeDescFromHgiFormat(format), T(T::FLOAT)) << format;
-        expectOnlyMessage(spdlog::level::err, "Unsupported hgiFormat");
+        expectOnly(spdlog::level::err, "Unsupported hgiFormat");
     }
     EXPECT_EQ(PXR_NS::HioFormatCount, 46);
     // Families of four (1 to 4 components): UNorm8, SNorm8, Float16, Float32, Double64, UInt16,

@@ -1,14 +1,18 @@
 #pragma once
 
-// Shared test fixtures: a capturing sink on spdlog's default logger, a temporary folder, and
-// small image builders.
+// What every test file shares: a capture of spdlog's default logger, a temporary folder, a
+// host's limit set for a scope, and small image builders.
 
+#include <atomic>
+#include <cmath>
 #include <filesystem>
 #include <memory>
 #include <mutex>
+#include <random>
 #include <string>
 #include <vector>
 
+#include <OpenImageIO/imagebufalgo.h>
 #include <gtest/gtest.h>
 #include <spdlog/sinks/base_sink.h>
 #include <spdlog/spdlog.h>
@@ -17,14 +21,14 @@
 
 namespace vorel::test {
 
+namespace ip = usd::image_processing;
+using spdlog::level::level_enum;
+
 struct LogRecord {
-    spdlog::level::level_enum level;
-    std::string message;
-    std::string funcname;
-    std::string filename;
+    level_enum level;
+    std::string message, funcname, filename;
 };
 
-/// Collects every message that reaches the default logger while it is installed.
 class CaptureSink final : public spdlog::sinks::base_sink<std::mutex> {
 public:
     std::vector<LogRecord> records() {
@@ -48,46 +52,49 @@ private:
     std::vector<LogRecord> records_;
 };
 
-/// Replaces the default logger with a capturing one (level trace) for the fixture's lifetime and
-/// puts the previous default logger back afterwards, as a host might swap loggers.
+/// Puts a capturing default logger (level trace) in place for its lifetime, as a host might swap
+/// loggers, and the previous one back afterwards.
 class LogCapture {
 public:
-    LogCapture()
-        : previous_(spdlog::default_logger()),
-          sink_(std::make_shared<CaptureSink>()),
-          logger_(std::make_shared<spdlog::logger>("capture", sink_)) {
-        logger_->set_level(spdlog::level::trace);
-        spdlog::set_default_logger(logger_);
+    LogCapture() : previous_(spdlog::default_logger()) {
+        auto logger = std::make_shared<spdlog::logger>("capture", sink_);
+        logger->set_level(spdlog::level::trace);
+        spdlog::set_default_logger(logger);
     }
     ~LogCapture() { spdlog::set_default_logger(previous_); }
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
     std::vector<LogRecord> records() { return sink_->records(); }
-    /// Records at `level` or above (debug lines are usually noise for failure tests).
-    std::vector<LogRecord> atLeast(spdlog::level::level_enum level) {
+    std::vector<LogRecord> atLeast(level_enum level) {
         std::vector<LogRecord> kept;
         for (auto& record : records()) {
-            if (record.level >= level) {
+            if (record.level >= level)
                 kept.push_back(record);
-            }
         }
         return kept;
     }
     void clear() { sink_->clear(); }
-    spdlog::logger& logger() { return *logger_; }
 
 private:
     std::shared_ptr<spdlog::logger> previous_;
-    std::shared_ptr<CaptureSink> sink_;
-    std::shared_ptr<spdlog::logger> logger_;
+    std::shared_ptr<CaptureSink> sink_ = std::make_shared<CaptureSink>();
 };
 
 /// A fresh folder below the system temp folder, removed with everything in it at the end.
 class TempDir {
 public:
-    TempDir();
-    ~TempDir();
+    TempDir() {
+        static std::atomic<unsigned> counter{0};
+        path_ = std::filesystem::temp_directory_path() /
+                ("vorel_test_" + std::to_string(std::random_device()()) + "_" +
+                 std::to_string(counter++));
+        std::filesystem::create_directories(path_);
+    }
+    ~TempDir() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
     const std::filesystem::path& path() const { return path_; }
@@ -96,29 +103,6 @@ public:
 private:
     std::filesystem::path path_;
 };
-
-/// Base fixture: every test gets a log capture and a temp folder.
-class LibraryTest : public ::testing::Test {
-protected:
-    /// Exactly one record at `level` or above, and it is `level` with `message` and our funcname.
-    void expectOnlyMessage(spdlog::level::level_enum level, const std::string& message);
-    /// No record at warn or above.
-    void expectNoWarnings();
-
-    LogCapture log;
-    TempDir temp;
-};
-
-/// A width x height image of `channels` channels of `format`, sample (x, y, c) =
-/// (x + width * y) * channels + c + 1 scaled by `scale` (for float types) or taken modulo the
-/// type's range (for integer types), so every sample differs from its neighbours.
-usd::image_processing::Image makeGradient(int width, int height, int channels,
-                                          OIIO::TypeDesc format = OIIO::TypeDesc::FLOAT,
-                                          float scale = 0.001f);
-
-/// Writes `buffer` through OpenImageIO directly (not through the library) and fails the test if
-/// that does not work.
-void writeWithOIIO(const OIIO::ImageBuf& buffer, const std::filesystem::path& path);
 
 /// Sets one of OpenImageIO's global limits as a host would, and puts the host's value back.
 class ScopedLimit {
@@ -136,8 +120,89 @@ private:
     int previous_;
 };
 
-/// True when both images have the same spec (size, channels, format, names, attributes) and
-/// the same pixels.
-::testing::AssertionResult sameImage(const OIIO::ImageBuf& a, const OIIO::ImageBuf& b);
+/// Base fixture: a log capture and a temp folder.
+class LibraryTest : public ::testing::Test {
+protected:
+    /// Exactly one line at `level` (and none other at warn or above), from the library: `text`
+    /// itself or, when `text` ends in a line break, `text` and then OpenImageIO's reason, which
+    /// holds `reason`. Clears the capture.
+    void expectOnly(level_enum level, const std::string& text, const std::string& reason = "") {
+        const auto records = log.atLeast(std::min(level, spdlog::level::warn));
+        log.clear();
+        ASSERT_EQ(records.size(), 1u) << text;
+        const std::string& line = records[0].message;
+        EXPECT_EQ(records[0].level, level) << line;
+        EXPECT_EQ(records[0].funcname, "vorel_usd_image_processing");
+        if (text.empty() || text.back() != '\n') {
+            EXPECT_EQ(line, text);
+            return;
+        }
+        EXPECT_EQ(line.substr(0, text.size()), text);
+        EXPECT_GT(line.size(), text.size()) << "no reason after " << text;
+        EXPECT_NE(line.find(reason, text.size()), std::string::npos) << line;
+    }
+    void expectNoWarnings() {
+        for (const auto& record : log.atLeast(spdlog::level::warn)) {
+            ADD_FAILURE() << "unexpected message: " << record.message;
+        }
+    }
+
+    LogCapture log;
+    TempDir temp;
+};
+
+/// width x height pixels of `channels` channels of `format`: sample (x, y, c) is n = (x + width *
+/// y) * channels + c + 1, times `scale` for floating-point types and modulo the type's range for
+/// integer ones, so that every sample differs from its neighbours.
+inline ip::Image makeGradient(int width, int height, int channels,
+                              OIIO::TypeDesc format = OIIO::TypeDesc::FLOAT, float scale = 0.001f) {
+    ip::Image image;
+    image.buffer.reset(OIIO::ImageSpec(width, height, channels, format));
+    const double range = format.is_floating_point() ? 0.0 : std::pow(2.0, 8.0 * format.size());
+    std::vector<float> pixel(channels);
+    for (int y = 0; y < height; ++y) {
+        for (int x = 0; x < width; ++x) {
+            for (int c = 0; c < channels; ++c) {
+                const double n = (x + width * y) * channels + c + 1;
+                // Integer types are given as normalised floats that land on exact codes.
+                pixel[c] = range == 0.0 ? static_cast<float>(n * scale)
+                                        : static_cast<float>(std::fmod(n, range) / (range - 1.0));
+            }
+            image.buffer.setpixel(x, y, pixel.data(), channels);
+        }
+    }
+    return image;
+}
+
+/// Writes `buffer` through OpenImageIO itself, not through the library.
+inline void writeWithOIIO(const OIIO::ImageBuf& buffer, const std::filesystem::path& path) {
+    ASSERT_TRUE(buffer.write(path.string())) << buffer.geterror();
+}
+
+/// Every sample of the data window as float, pixel after pixel.
+inline std::vector<float> pixelsOf(const ip::Image& image) {
+    std::vector<float> values(image.buffer.spec().image_pixels() * image.buffer.nchannels());
+    image.buffer.get_pixels(image.buffer.roi(), OIIO::TypeDesc::FLOAT, values.data());
+    return values;
+}
+
+/// Same spec (size, channels, format, names, attributes) and the same samples.
+inline ::testing::AssertionResult sameImage(const OIIO::ImageBuf& a, const OIIO::ImageBuf& b) {
+    if (a.initialized() != b.initialized())
+        return ::testing::AssertionFailure() << "one is empty";
+    if (!a.initialized())
+        return ::testing::AssertionSuccess();
+    const auto text = [](const OIIO::ImageBuf& buffer) {
+        return buffer.spec().serialize(OIIO::ImageSpec::SerialText,
+                                       OIIO::ImageSpec::SerialDetailedHuman);
+    };
+    if (text(a) != text(b))
+        return ::testing::AssertionFailure() << "specs differ";
+    const auto comparison = OIIO::ImageBufAlgo::compare(a, b, 0.0f, 0.0f);
+    if (comparison.nfail != 0 || comparison.error) {
+        return ::testing::AssertionFailure() << comparison.nfail << " samples differ";
+    }
+    return ::testing::AssertionSuccess();
+}
 
 }  // namespace vorel::test
