@@ -25,7 +25,7 @@ inline constexpr const char* kExtensions[] = {".png", ".jpg", ".bmp",  ".gif", "
 inline constexpr size_t kExtensionCount = sizeof(kExtensions) / sizeof(kExtensions[0]);
 
 /// True for content that crashes a reader of OpenImageIO 2.4.7 itself, with no call of ours
-/// involved; the robustness corpus names the recipes. Left out here because the fuzzer would spend
+/// involved. Left out here because the fuzzer would spend
 /// its time on them. Others can't be told by a magic number and are sorted out by
 /// fuzz/run_fuzzers.py instead, such as RLA's abort on an invalid channel type in
 /// RLAInput::seek_subimage and GIF's std::length_error thrown through GIFInput::seek_subimage.
@@ -40,32 +40,6 @@ inline bool isKnownReaderCrash(std::string_view bytes) {
     };
     const bool sgi = holds(0, "\x01\xda") && !holds(3, "\x01") && !holds(3, "\x02");
     return holds(0, "FOR4") || holds(4, "ftyp") || sgi;
-}
-
-/// The host's side of untrusted input: quiet logging, and OpenImageIO's limits tightened so that
-/// no header can claim more pixel memory than the fuzzer's own memory limit allows.
-inline void setUpHost() {
-    spdlog::set_level(spdlog::level::off);
-    OIIO::attribute("limits:imagesize_MB", 64);
-    OIIO::attribute("limits:channels", 64);
-}
-
-/// Marks `outcome` (below `kOutcomes`) of the file's format as coverage of its own. OpenImageIO is
-/// uninstrumented, so without this every format's seed would look the same to libFuzzer and all
-/// but one would be dropped from the corpus: mark<N> is a function of its own for each N, and its
-/// taken branch an edge of its own.
-inline constexpr size_t kOutcomes = 4;
-inline volatile size_t lastMark;
-template <size_t N>
-void mark(size_t value) {
-    if (value == N) {
-        lastMark = N;
-    } else if constexpr (N > 0) {
-        mark<N - 1>(value);
-    }
-}
-inline void markOutcome(size_t extension, size_t outcome) {
-    mark<kExtensionCount * kOutcomes - 1>(extension * kOutcomes + outcome % kOutcomes);
 }
 
 /// A file of the fuzz input: its first byte picks the extension, the rest is the content. Removed

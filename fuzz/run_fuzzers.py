@@ -2,19 +2,12 @@
 """Runs the fuzz targets for a bounded time and sorts what they find.
 
 OpenImageIO 2.4.7's readers crash on some files by themselves (RLA's channel-type assertion, GIF's
-std::length_error thrown through a noexcept function, IFF and HEIF overruns, ...): a fuzzer finds
-new ones of those within seconds, and no call of ours can avoid them, since ImageInput::open tries
-every reader on a file that the named one refuses. So each target runs in libFuzzer's fork mode,
-which goes on after a crash, and every input it kept as a crash, timeout or out-of-memory is run
-again alone and its stack read:
-
-- ours: the innermost frame of code (past the sanitizer, the C and C++ runtimes and libFuzzer) is
-  in this project (its libraries or a fuzz target), or a single huge allocation was made for an
-  ImageBuf's pixels, whose sizes the library checks before it allocates;
-- a dependency's: anything else (OpenImageIO, OpenUSD and the codecs below them), reported with
-  its innermost frame and kept out of the verdict.
-
-Exits with 1 when any input is ours, after printing its report.
+std::length_error through a noexcept function, IFF and HEIF overruns), and ImageInput::open tries
+every reader on a file the named one refuses; no call of ours can avoid them. So each target runs
+in libFuzzer's fork mode, which goes on after a crash, and every input it kept is run again alone:
+it is ours when the innermost frame of code past the runtimes is in this project, or when a single
+huge allocation was made for an ImageBuf's pixels (whose sizes the library checks); anything else is
+a dependency's, reported and kept out of the verdict. Exits with 1 when any input is ours.
 """
 
 import argparse
@@ -24,7 +17,7 @@ import shutil
 import subprocess
 import sys
 
-TARGETS = ("fuzz_read_image", "fuzz_asset_image")
+TARGETS = ("fuzz_read",)
 RUNTIME = re.compile(
     r"libasan|libubsan|libclang_rt|__asan|__sanitizer|__interceptor|fuzzer::|libc\.so|"
     r"libstdc\+\+|libgcc_s|ld-linux|\b(abort|raise|__assert_fail|__pthread_kill\w*|malloc|calloc|"

@@ -30,53 +30,52 @@ ip::Image imageOf(int width, int height, int channels, const std::vector<V>& val
 
 class Operations : public LibraryTest {};
 
-TEST_F(Operations, EachFailureGivesItsOwnErrLine) {
+TEST_F(Operations, EachFailureGivesTheEmptyImageAndItsOwnErrLine) {
     const ip::Image none, rgb = imageOf(2, 1, 3, Floats(6, 0.5f)), rgba = makeGradient(1, 1, 4);
-    ip::Image empty, flattened = rgb;  // no alpha to flatten: emptied, properties and all
-    const auto failed = [](const ip::Image& image) {
-        return !image.buffer.initialized() && image.properties.empty();
-    };
+    const OIIO::ROI roi(0, 2, 0, 2);
     const std::string range = "Normalize fails: Channel index out of range:\n";
-    const std::pair<std::function<bool()>, std::string> cases[] = {
-        {[&] { return failed(ip::cut(none, OIIO::ROI(0, 2, 0, 2))); }, "Crop operation failed:\n"},
-        {[&] { return failed(ip::fit(none, OIIO::ROI(0, 2, 0, 2))); }, "Fit operation failed:\n"},
-        {[&] { return failed(ip::resize(rgb, OIIO::ROI(0, 0, 0, 0))); },
-         "Resize operation failed:\n"},
-        {[&] { return failed(ip::rotate(none, 0.0f, false)); }, "Rotate operation failed:\n"},
-        {[&] { return !ip::paste(empty, 0, 0, none) && !empty.buffer.has_error(); },
-         "Paste operation failed:\n"},
-        {[&] { return failed(ip::over(rgb, rgba)); }, "Over compositing failed:\n"},
-        {[&] {
-             return ip::compositeOverBackgroundColor(flattened, {0, 0, 1, 1}), failed(flattened);
+    const std::pair<std::function<ip::Image()>, std::string> cases[] = {
+        {[&] { return ip::cut(none, roi); }, "Crop operation failed:\n"},
+        {[&] { return ip::fit(none, roi); }, "Fit operation failed:\n"},
+        {[&] { return ip::resize(rgb, OIIO::ROI(0, 0, 0, 0)); }, "Resize operation failed:\n"},
+        {[&] { return ip::rotate(none, 0.0f, false); }, "Rotate operation failed:\n"},
+        {[&] { return ip::over(rgb, rgba); }, "Over compositing failed:\n"},
+        {[&] {  // no alpha to flatten: emptied, properties and all
+             ip::Image flattened = rgb;
+             ip::compositeOverBackgroundColor(flattened, {0, 0, 1, 1});
+             return flattened;
          },
          "Over compositing failed:\n"},
-        {[&] { return failed(ip::createSolidColorImage({1}, {})); },
-         "Create solid operation failed:\n"},
+        {[&] { return ip::createSolidColorImage({1}, {}); }, "Create solid operation failed:\n"},
         // Only the mode's own line: OpenImageIO is not called.
-        {[&] { return failed(ip::preMultiply(none, ip::PreMultMode(3))); }, "Invalid PreMultMode"},
-        {[&] { return failed(ip::preMultiply(none, {})); }, "Premultiply operation failed:\n"},
-        {[&] { return failed(ip::colorConvert(rgb, "linear", "none")); },
+        {[&] { return ip::preMultiply(none, ip::PreMultMode(3)); }, "Invalid PreMultMode"},
+        {[&] { return ip::preMultiply(none, {}); }, "Premultiply operation failed:\n"},
+        {[&] { return ip::colorConvert(rgb, "linear", "none"); },
          "colorConvert operation failed:\n"},
         {[&] {
-             return failed(ip::shuffle(none, 2, std::vector{2, 0}));
+             return ip::shuffle(none, 2, std::vector{2, 0});
          },
          "Shuffle operation failed:\n"},
-        {[&] { return failed(ip::channelAppend(none, none)); },
-         "Channel append operation failed:\n"},
-        {[&] { return failed(ip::invert(none)); }, "Invert operation failed:\n"},
-        {[&] { return failed(ip::invertChannel(rgba, "r")); }, "Given channel 'r' doesn't exist"},
+        {[&] { return ip::channelAppend(none, none); }, "Channel append operation failed:\n"},
+        {[&] { return ip::invert(none); }, "Invert operation failed:\n"},
+        {[&] { return ip::invertChannel(rgba, "r"); }, "Given channel 'r' doesn't exist"},
         {[&] {
-             return failed(ip::normalize(rgba, 0, 1, {"R", "G", "Z"}));
+             return ip::normalize(rgba, 0, 1, {"R", "G", "Z"});
          },
          range + "Z, present channels : [R, G, B, A]"},
         // The default list starts with R, also where the caller named nothing.
-        {[&] { return failed(ip::normalize(imageOf(1, 1, 1, Floats{0}), 0, 1)); },
+        {[&] { return ip::normalize(imageOf(1, 1, 1, Floats{0}), 0, 1); },
          range + "R, present channels : [Y]"},
     };
     for (const auto& [call, message] : cases) {
-        EXPECT_TRUE(call()) << message;
+        const ip::Image result = call();
+        EXPECT_TRUE(!result.buffer.initialized() && result.properties.empty()) << message;
         expectOnly(err, message);
     }
+    ip::Image empty;
+    EXPECT_FALSE(ip::paste(empty, 0, 0, none));
+    expectOnly(err, "Paste operation failed:\n");
+    EXPECT_FALSE(empty.buffer.has_error());
 }
 
 TEST_F(Operations, GeometryAndPaste) {

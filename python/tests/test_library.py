@@ -61,28 +61,19 @@ def test_failures_give_the_failure_value_and_one_record(tmp_path, log):
     assert not any(p.name == "x.unknown" for p in tmp_path.iterdir())
 
 
-def test_operations_metadata_and_writers(tmp_path, log):
+def test_arguments_convert_from_python(tmp_path, log):
     rgba = vip.Image.from_array(gradient(channels=4))
     rgba.properties["asset"] = "chair"
     crop = vip.cut(rgba, vip.ROI(1, 3, 0, 2))
-    assert crop.pixels().shape == (2, 2, 4) and dict(crop.properties) == {"asset": "chair"}
+    assert dict(crop.properties) == {"asset": "chair"}
     np.testing.assert_array_equal(crop.pixels(), rgba.pixels()[0:2, 1:3])
-    swapped = vip.shuffle(rgba, 2, [3, 0])
-    np.testing.assert_array_equal(swapped.pixels(), rgba.pixels()[..., [3, 0]])
-    with pytest.raises(ValueError):
-        vip.shuffle(rgba, 3, [0])
-    normalized = vip.normalize(rgba, 0.0, 1.0, ["R"])
-    assert normalized.pixels()[..., 0].min() == 0.0 and normalized.pixels()[..., 0].max() == 1.0
-    assert vip.preMultiply(rgba, vip.PreMultMode.Unpremult)
-
+    np.testing.assert_array_equal(vip.shuffle(rgba, 2, [3, 0]).pixels(), rgba.pixels()[..., [3, 0]])
     assert vip.addMetadataToImage(rgba, {"Note": "take 2", "Frame": 12, "Gain": 1.5})
-    metadata = vip.getMetadataFromImage(rgba)
-    assert (metadata["Note"], metadata["Frame"], metadata["Gain"]) == ("take 2", 12, 1.5)
-
+    assert vip.getMetadataFromImage(rgba) | {"Note": "take 2", "Frame": 12, "Gain": 1.5} == \
+        vip.getMetadataFromImage(rgba)
     assert vip.writeMultiPartEXR(["a", "b"], [rgba, vip.invert(rgba)], tmp_path / "layers.exr")
     np.testing.assert_array_equal(vip.readImage(tmp_path / "layers.exr").pixels(), rgba.pixels())
-    small = vip.Image.from_array(gradient(height=2, width=2, channels=4, dtype=np.uint8))
-    frames = [vip.Image.from_array(gradient(channels=4, dtype=np.uint8)), small]
+    frames = [rgba, vip.Image.from_array(gradient(height=2, width=2, channels=4))]
     assert not vip.writeAnimatedGif(frames, tmp_path / "anim.gif", 12.0)
     assert frames[0].geterror() == "" and frames[1].geterror() != ""
 
