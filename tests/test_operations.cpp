@@ -123,9 +123,7 @@ TEST_F(Operations, CompositingAndAlpha) {
     EXPECT_EQ(pixelsOf(rgb), (Floats{0.1f, 0.2f, 0.3f, 0.25f}));
     EXPECT_FALSE(ip::addAlphaChannel(rgb, 1.0f));  // has alpha: silent
     EXPECT_TRUE(log.records().empty());
-    ip::Image unmarked = imageOf(1, 1, 4, Floats{1, 1, 1, 1});
-    unmarked.buffer.specmod().alpha_channel = -1;
-    for (ip::Image image : {unmarked, makeGradient(1, 1, 1), makeGradient(1, 1, 2)}) {
+    for (ip::Image image : {makeGradient(1, 1, 1), makeGradient(1, 1, 2)}) {
         EXPECT_FALSE(ip::addAlphaChannel(image, 1.0f));
         expectOnly(warn, fmt::format("Couldn't add alpha channel to image with {} channels",
                                      image.buffer.nchannels()));
@@ -256,22 +254,18 @@ TEST_F(Operations, IdImagesShiftIntoUnsignedSamplesAndGrowIntoMasks) {
 }
 
 TEST_F(Operations, IdRefusalsLeaveTheImageAsItWas) {
-    const auto imageOfSpec = [](OIIO::ImageSpec spec, bool deep = false) {
-        spec.deep = deep;  // deep storage keeps pixels out of one local block
+    const auto imageOfSpec = [](const OIIO::ImageSpec& spec) {
         ip::Image image;
         image.buffer.reset(spec);
         return image;
     };
     ip::Image converted = imageOfSpec({2, 2, 1, T::INT32});  // never shifted twice
     ASSERT_TRUE(ip::convertIdImageToUint(converted));
-    const std::string nonLocal = "Can't modify image with non-local pixels";
     const std::pair<ip::Image, std::string> cases[] = {
         {imageOfSpec({2, 2, 1, T::FLOAT}), "Can't convert non-ID image: float format"},
         {imageOfSpec({2, 2, 1, T(T::INT32, 2)}), "Can't convert non-ID image: int[2] format"},
         {converted, "Can't convert non-ID image: uint format"},
-        {imageOfSpec({2, 2, 2, T::INT32}), ""},  // convertible, but no mask's input
-        {imageOfSpec({3, 2, 1, T::FLOAT}, true), "Can't convert non-ID image: float format"},
-        {imageOfSpec({3, 2, 1, T::INT32}, true), nonLocal}};
+        {imageOfSpec({2, 2, 2, T::INT32}), ""}};  // convertible, but no mask's input
     for (const auto& [image, convertMessage] : cases) {
         ip::Image refused = image;
         if (!convertMessage.empty()) {
@@ -280,10 +274,10 @@ TEST_F(Operations, IdRefusalsLeaveTheImageAsItWas) {
         }
         ip::idImageToMask(refused);
         EXPECT_EQ(log.records().at(0).message, "idImageToMask");  // also when refusing
-        expectOnly(err, convertMessage == nonLocal ? nonLocal : "Unexpected format for idImage");
-        EXPECT_TRUE(image.buffer.deep() || sameImage(refused.buffer, image.buffer))
-            << convertMessage;
+        expectOnly(err, "Unexpected format for idImage");
+        EXPECT_TRUE(sameImage(refused.buffer, image.buffer)) << convertMessage;
     }
+    const std::string nonLocal = "Can't modify image with non-local pixels";
     // A small buffer under a spec that claims far more, as specmod() allows: refused before a
     // sample is touched, with 2^64 samples and with (2^31 - 1)^2 pixels (an int product wraps).
     std::vector<std::int32_t> ids{-1, 0, 5, 7};

@@ -3,6 +3,7 @@
 // What every test file shares: a capture of spdlog's default logger, a temporary folder, a
 // host's limit set for a scope, and small image builders.
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <filesystem>
@@ -10,6 +11,7 @@
 #include <mutex>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <OpenImageIO/imagebufalgo.h>
@@ -29,32 +31,23 @@ struct LogRecord {
     std::string message, funcname, filename;
 };
 
-class CaptureSink final : public spdlog::sinks::base_sink<std::mutex> {
-public:
-    std::vector<LogRecord> records() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return records_;
-    }
-    void clear() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        records_.clear();
-    }
-
-protected:
-    void sink_it_(const spdlog::details::log_msg& msg) override {
-        records_.push_back({msg.level, std::string(msg.payload.begin(), msg.payload.end()),
-                            msg.source.funcname ? msg.source.funcname : "",
-                            msg.source.filename ? msg.source.filename : ""});
-    }
-    void flush_() override {}
-
-private:
-    std::vector<LogRecord> records_;
-};
-
 /// Puts a capturing default logger (level trace) in place for its lifetime, as a host might swap
 /// loggers, and the previous one back afterwards.
 class LogCapture {
+    struct Sink final : spdlog::sinks::base_sink<std::mutex> {
+        std::vector<LogRecord> records;
+        void sink_it_(const spdlog::details::log_msg& msg) override {
+            const auto text = [](const char* name) { return std::string(name ? name : ""); };
+            records.push_back({msg.level, std::string(msg.payload.begin(), msg.payload.end()),
+                               text(msg.source.funcname), text(msg.source.filename)});
+        }
+        void flush_() override {}
+        std::vector<LogRecord> take(bool clear) {
+            std::lock_guard<std::mutex> lock(mutex_);
+            return clear ? std::exchange(records, {}) : records;
+        }
+    };
+
 public:
     LogCapture() : previous_(spdlog::default_logger()) {
         auto logger = std::make_shared<spdlog::logger>("capture", sink_);
@@ -65,20 +58,19 @@ public:
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
-    std::vector<LogRecord> records() { return sink_->records(); }
+    std::vector<LogRecord> records() { return sink_->take(false); }
     std::vector<LogRecord> atLeast(level_enum level) {
-        std::vector<LogRecord> kept;
-        for (auto& record : records()) {
-            if (record.level >= level)
-                kept.push_back(record);
-        }
+        std::vector<LogRecord> kept = records();
+        kept.erase(std::remove_if(kept.begin(), kept.end(),
+                                  [level](const LogRecord& r) { return r.level < level; }),
+                   kept.end());
         return kept;
     }
-    void clear() { sink_->clear(); }
+    void clear() { sink_->take(true); }
 
 private:
     std::shared_ptr<spdlog::logger> previous_;
-    std::shared_ptr<CaptureSink> sink_ = std::make_shared<CaptureSink>();
+    std::shared_ptr<Sink> sink_ = std::make_shared<Sink>();
 };
 
 /// A fresh folder below the system temp folder, removed with everything in it at the end.
@@ -172,6 +164,10 @@ inline ip::Image makeGradient(int width, int height, int channels,
         }
     }
     return image;
+}
+
+inline std::pair<int, int> sizeOf(const ip::ImageSpec& spec) {
+    return {spec.width, spec.height};
 }
 
 /// Writes `buffer` through OpenImageIO itself, not through the library.
