@@ -36,9 +36,8 @@ protected:
         writeWithOIIO(image.buffer, temp / name);
         return bytesOf(image.buffer, type);
     }
-    PXR_NS::HioImageSharedPtr open(const std::string& name, int subimage = 0, int mip = 0,
-                                   HioImage::SourceColorSpace space = HioImage::Auto) {
-        return HioImage::OpenForReading((temp / name).string(), subimage, mip, space);
+    PXR_NS::HioImageSharedPtr open(const std::string& name, int subimage = 0) {
+        return HioImage::OpenForReading((temp / name).string(), subimage);
     }
 };
 
@@ -75,15 +74,6 @@ TEST_F(AssetImages, SamplesAsStoredSRGBByGammaChunkThen8BitColourAndAssetsAsByte
         EXPECT_EQ(ip::getColorSpace(asset), sRGB ? "sRGB" : "");
         EXPECT_EQ(bytesOf(asset.buffer, T::UINT8), samples);
     }
-    // An explicit colour space overrides the file, but OpenEXR is never sRGB.
-    EXPECT_EQ(open("rgba.png", 0, 0, HioImage::Raw)->GetFormat(), PXR_NS::HioFormatUNorm8Vec4);
-    EXPECT_FALSE(open("half.exr", 0, 0, HioImage::SRGB)->IsColorSpaceSRGB());
-    // stb_image cuts 16-bit samples to their high byte.
-    uint16_t deepSamples[] = {0x12FF, 0x0080, 0xFFFF};  // rounding would give 0x13, 0x01
-    writeWithOIIO(OIIO::ImageBuf(OIIO::ImageSpec(1, 1, 3, T::UINT16), deepSamples),
-                  temp / "deep.png");
-    const ip::Image cut = ip::getImageFromAssetPath((temp / "deep.png").string());
-    EXPECT_EQ(bytesOf(cut.buffer, T::UINT8), (Bytes{0x12, 0x00, 0xFF}));
     expectNoWarnings();
 }
 
@@ -93,10 +83,8 @@ TEST_F(AssetImages, JpegWithinTwoOfOpenImageIOTiffAndUInt32OpenEXRAsTheHioHasThe
     const ip::Image jpeg = ip::getImageFromAssetPath((temp / "gradient.jpg").string());
     const Bytes decoded = bytesOf(jpeg.buffer, T::UINT8);
     const Bytes expected = bytesOf(ip::readImage(temp / "gradient.jpg").buffer, T::UINT8);
-    ASSERT_EQ(decoded.size(), expected.size());
-    for (size_t i = 0; i < decoded.size(); ++i) {
-        EXPECT_LE(std::abs(decoded[i] - expected[i]), 2) << i;
-    }
+    EXPECT_TRUE(std::equal(decoded.begin(), decoded.end(), expected.begin(), expected.end(),
+                           [](int a, int b) { return std::abs(a - b) <= 2; }));
     EXPECT_EQ(ip::getColorSpace(jpeg), "sRGB");
     expectNoWarnings();
 #if !defined(VOREL_TEST_STAND_IN)

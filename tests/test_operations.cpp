@@ -295,4 +295,35 @@ TEST_F(Operations, IdRefusalsLeaveTheImageAsItWas) {
     EXPECT_EQ(ids, (std::vector<std::int32_t>{-1, 0, 5, 7}));
 }
 
+TEST_F(Operations, InputsByConstReferenceStayAsTheyWereOnSuccessAndFailure) {
+    ip::Image rgba = makeGradient(16, 12, 4), destination = makeGradient(16, 12, 4);
+    ip::setColorSpace(rgba, "linear");
+    rgba.properties["shot"] = "010";
+    const ip::Image before = rgba, &a = rgba;
+    const OIIO::ROI half(0, 8, 0, 6), none(0, 0, 0, 0);
+    [[maybe_unused]] const bool done[] = {ip::writeImage(a, temp / "a.jpg"),
+                                          ip::writeImage(a, temp / "a.nope"),
+                                          ip::writeMultiPartEXR({"one"}, {a, a}, temp / "p.exr"),
+                                          ip::writeAnimatedGif({a, a}, temp / "still.png", 12.0f),
+                                          ip::paste(destination, 2, 3, a, half),
+                                          ip::getPixelUIntValue(a, 1, 1, 0, 9) == 0,
+                                          ip::getMetadataFromImage(a).empty()};
+    [[maybe_unused]] const ip::Image made[] = {ip::cut(a, half),
+                                               ip::fit(a, half),
+                                               ip::resize(a, none),
+                                               ip::rotate(a, 0.3f, true),
+                                               ip::over(a, a),
+                                               ip::preMultiply(a, ip::PreMultMode::Repremult),
+                                               ip::colorConvert(a, "linear", "sRGB"),
+                                               ip::colorConvert(a, "x", "y"),
+                                               ip::shuffle(a, 3, std::vector{9, 9}),
+                                               ip::channelAppend(a, ip::Image{}),
+                                               ip::invert(a),
+                                               ip::invertChannel(a, "G"),
+                                               ip::normalize(a, 0.0f, 1.0f),
+                                               ip::normalize(a, 0, 1, {"Z"})};
+    EXPECT_TRUE(sameImage(rgba.buffer, before.buffer));
+    EXPECT_EQ(rgba.properties, before.properties);
+}
+
 }  // namespace
