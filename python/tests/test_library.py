@@ -41,11 +41,6 @@ def test_failures_give_the_failure_value_and_one_record(tmp_path, log):
     cases = [
         (lambda: vip.readImage(missing), logging.WARNING, f"Couldn't read image {missing}:\n"),
         (lambda: vip.getImageSpec(missing).width, logging.ERROR, f"Couldn't open image {missing}:\n"),
-        (lambda: vip.writeImage(image, tmp_path / "x.unknown"), logging.ERROR,
-         "Couldn't write image "),
-        (lambda: vip.resize(image, vip.ROI(0, 0, 0, 0)), logging.ERROR,
-         "Resize operation failed:\n"),
-        (lambda: vip.invertChannel(image, "Q"), logging.ERROR, "Given channel 'Q' doesn't exist"),
         (lambda: vip.getPixelUIntValue(image, 0, 0, 0, 0), logging.ERROR,
          "getPixelUIntValue requires UINT image, but image is float"),
         (lambda: vip.addMetadataToImage(image, {"list": [1, 2]}), logging.ERROR,
@@ -58,7 +53,6 @@ def test_failures_give_the_failure_value_and_one_record(tmp_path, log):
         assert [r.levelno for r in records] == [level], message
         assert records[0].getMessage().startswith(message)
         assert records[0].funcName == LOGGER and records[0].pathname.endswith(".cpp")
-    assert not any(p.name == "x.unknown" for p in tmp_path.iterdir())
 
 
 def test_arguments_convert_from_python(tmp_path, log):
