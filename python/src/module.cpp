@@ -206,6 +206,15 @@ void bindReading(py::module_& m) {
         "format"_a, "The NumPy dtype of one channel of an HgiFormat value (an int).");
     m.def("getSupportedImageExtensions", &ip::getSupportedImageExtensions,
           "Every file extension OpenImageIO knows, without the dot.");
+    // What a C++ host does with OIIO::attribute: the limits that the library holds sizes to, and
+    // "try_all_readers", for files from anyone.
+    m.def(
+        "setOpenImageIOAttribute",
+        [](const std::string& name, int value) { return OIIO::attribute(name, value); }, "name"_a,
+        "value"_a,
+        "Sets one of OpenImageIO's global int attributes (\"limits:imagesize_MB\", "
+        "\"limits:channels\", \"try_all_readers\", ...) for this process; False for an unknown "
+        "name.");
 }
 
 void bindWriting(py::module_& m) {
