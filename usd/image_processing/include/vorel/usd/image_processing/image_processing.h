@@ -1,12 +1,13 @@
 #pragma once
 
-// vorel_usd_image_processing: one plain value, Image, in front of OpenImageIO.
-//
-// Every function reports failure through its ordinary result (the empty Image, false, 0, or a
-// width and height of 0) and one message on spdlog's default logger, whose source location names
-// "vorel_usd_image_processing" as the function. The library throws nothing of its own; what
-// OpenImageIO or the standard library throws (such as std::bad_alloc) reaches the caller.
-// Arguments taken by const reference are never changed.
+/// @file
+/// vorel_usd_image_processing: one plain value, Image, in front of OpenImageIO.
+///
+/// Every function reports failure through its ordinary result (the empty Image, false, 0, or a
+/// width and height of 0) and one message on spdlog's default logger, whose source location names
+/// "vorel_usd_image_processing" as the function. The library throws nothing of its own; what
+/// OpenImageIO or the standard library throws (such as std::bad_alloc) reaches the caller.
+/// Arguments taken by const reference are never changed.
 
 #include <filesystem>
 #include <map>
@@ -31,6 +32,7 @@
 #define VOREL_USD_IMAGE_PROCESSING_API __attribute__((visibility("default")))
 #endif
 
+/// Everything the library offers a host.
 namespace vorel::usd::image_processing {
 
 /// An image: OpenImageIO's ImageBuf (pixels, size, channels, pixel type and every attribute,
@@ -42,15 +44,18 @@ namespace vorel::usd::image_processing {
 /// A default-constructed Image is the empty Image, the failure value of every function returning
 /// an Image: test results with `buffer.initialized()`.
 struct Image {
-    OIIO::ImageBuf buffer;
-    std::map<std::string, std::string> properties;
+    OIIO::ImageBuf buffer;                          ///< Pixels, spec and attributes.
+    std::map<std::string, std::string> properties;  ///< Carried along, never interpreted.
 
+    /// The empty Image.
     VOREL_USD_IMAGE_PROCESSING_API Image();
+    /// A deep copy: own pixels, same spec, attributes and properties.
     VOREL_USD_IMAGE_PROCESSING_API Image(const Image& other);
     /// Takes `other`'s pixels and map without copying; `other` is left with an empty map and
     /// may only be destroyed or assigned to.
     VOREL_USD_IMAGE_PROCESSING_API Image(Image&& other) noexcept;
     VOREL_USD_IMAGE_PROCESSING_API ~Image();
+    /// A deep copy, also into an Image that was moved from.
     VOREL_USD_IMAGE_PROCESSING_API Image& operator=(const Image& other);
     /// Exchanges maps after clearing this one, so `other` ends with an empty map.
     VOREL_USD_IMAGE_PROCESSING_API Image& operator=(Image&& other) noexcept;
@@ -58,8 +63,8 @@ struct Image {
 
 /// Width and height of an image file, in pixels. {0, 0} is the failure value of getImageSpec.
 struct ImageSpec {
-    int width;
-    int height;
+    int width;   ///< Pixels per row of the data window.
+    int height;  ///< Rows of the data window.
 };
 
 /// The association of colour and alpha that preMultiply establishes.
@@ -72,6 +77,9 @@ enum class PreMultMode : int {
 // ---------------------------------------------------------------------------------------------
 // Colour-space tag and pixel access
 // ---------------------------------------------------------------------------------------------
+
+/// @defgroup pixels Colour-space tag and pixel access
+/// @{
 
 /// The colour-space tag ("oiio:ColorSpace") as stored, or "" when the image has none. Never
 /// fails; "unknown" is returned as it is.
@@ -95,9 +103,14 @@ VOREL_USD_IMAGE_PROCESSING_API float getPixelValue(const Image& image, int x, in
 VOREL_USD_IMAGE_PROCESSING_API unsigned int getPixelUIntValue(const Image& image, int x, int y,
                                                               int z, int channel);
 
+/// @}
+
 // ---------------------------------------------------------------------------------------------
 // Reading
 // ---------------------------------------------------------------------------------------------
+
+/// @defgroup reading Reading
+/// @{
 
 /// Reads the first subimage of a file at full resolution, with all its channels, in the pixel
 /// type of the file and with every attribute the reader reports (such as "oiio:ColorSpace").
@@ -116,9 +129,14 @@ VOREL_USD_IMAGE_PROCESSING_API ImageSpec getImageSpec(const std::filesystem::pat
 VOREL_USD_IMAGE_PROCESSING_API Image createImageFromData(void* data, int width, int height,
                                                          int numChannels, OIIO::TypeDesc format);
 
+/// @}
+
 // ---------------------------------------------------------------------------------------------
 // Asset images through Hio and the Hgi format vocabulary
 // ---------------------------------------------------------------------------------------------
+
+/// @defgroup assets Asset images through Hio and the Hgi format vocabulary
+/// @{
 
 /// Loads the image that a USD scene names by `assetPath` through OpenUSD's Hio image layer
 /// (not OpenImageIO's readers), in the format the file itself delivers, and tags it "sRGB" when
@@ -140,9 +158,14 @@ VOREL_USD_IMAGE_PROCESSING_API int getNumChannelsFromHgiFormat(PXR_NS::HgiFormat
 VOREL_USD_IMAGE_PROCESSING_API OIIO::TypeDesc getOIIOTypeDescFromHgiFormat(
     PXR_NS::HgiFormat format);
 
+/// @}
+
 // ---------------------------------------------------------------------------------------------
 // Supported extensions
 // ---------------------------------------------------------------------------------------------
+
+/// @defgroup extensions Supported extensions
+/// @{
 
 /// Every file extension that OpenImageIO knows, read from its "extension_list" attribute at each
 /// call: bare (no dot) and in OpenImageIO's case, grouped by format name in ascending byte order
@@ -151,9 +174,14 @@ VOREL_USD_IMAGE_PROCESSING_API OIIO::TypeDesc getOIIOTypeDescFromHgiFormat(
 /// logs; an empty vector when OpenImageIO gives no list.
 VOREL_USD_IMAGE_PROCESSING_API std::vector<std::string> getSupportedImageExtensions();
 
+/// @}
+
 // ---------------------------------------------------------------------------------------------
 // Writing: the colour policy by extension and the three writers
 // ---------------------------------------------------------------------------------------------
+
+/// @defgroup writing Writing: the colour policy by extension and the three writers
+/// @{
 
 /// Brings `image` into the colour space that the extension of `path` calls for: ".png", ".jpg",
 /// ".jpeg", ".bmp", ".gif", ".webp" to "sRGB"; ".exr", ".tif", ".tiff" to "linear" (the extension
@@ -203,9 +231,14 @@ VOREL_USD_IMAGE_PROCESSING_API bool writeAnimatedGif(const std::vector<Image>& f
                                                      const std::filesystem::path& path,
                                                      float framesPerSecond);
 
+/// @}
+
 // ---------------------------------------------------------------------------------------------
 // Metadata
 // ---------------------------------------------------------------------------------------------
+
+/// @defgroup metadata Metadata
+/// @{
 
 /// One metadata value. The index of the alternative is its kind: 0 string, 1 int, 2 float,
 /// 3 int array, 4 float array.
@@ -233,9 +266,14 @@ VOREL_USD_IMAGE_PROCESSING_API MetadataMap getMetadataFromImage(const Image& ima
 /// later ones are not tried. True when every entry was written, also for an empty map.
 VOREL_USD_IMAGE_PROCESSING_API bool addMetadataToImage(Image& image, const MetadataMap& metadata);
 
+/// @}
+
 // ---------------------------------------------------------------------------------------------
 // Geometric operations
 // ---------------------------------------------------------------------------------------------
+
+/// @defgroup geometry Geometric operations
+/// @{
 
 // Every value operation below returns a new Image with a copy of its (first) source's
 // `properties`; `roi` is handed to OpenImageIO as given (a default ROI means the whole image).
@@ -266,9 +304,14 @@ VOREL_USD_IMAGE_PROCESSING_API Image rotate(const Image& image, float angle, boo
 VOREL_USD_IMAGE_PROCESSING_API bool paste(Image& dst, int x, int y, const Image& src,
                                           const OIIO::ROI& roi = OIIO::ROI());
 
+/// @}
+
 // ---------------------------------------------------------------------------------------------
 // Compositing and alpha
 // ---------------------------------------------------------------------------------------------
+
+/// @defgroup compositing Compositing and alpha
+/// @{
 
 /// `foreground` composited over `background` within `roi` (both need an alpha channel). The
 /// result carries `foreground`'s properties. Failure: the empty Image and, at err,
@@ -301,9 +344,14 @@ VOREL_USD_IMAGE_PROCESSING_API Image preMultiply(const Image& image, PreMultMode
 /// "Adding of alpha channel failed:\n{OpenImageIO's text}" and returns false.
 VOREL_USD_IMAGE_PROCESSING_API bool addAlphaChannel(Image& image, float alpha);
 
+/// @}
+
 // ---------------------------------------------------------------------------------------------
 // Colour conversion
 // ---------------------------------------------------------------------------------------------
+
+/// @defgroup colour Colour conversion
+/// @{
 
 /// Converts the pixels from `fromSpace` to `toSpace` by name with OpenImageIO's colour
 /// management (alpha is unassociated for the conversion and restored). The names are not
@@ -313,9 +361,14 @@ VOREL_USD_IMAGE_PROCESSING_API bool addAlphaChannel(Image& image, float alpha);
 VOREL_USD_IMAGE_PROCESSING_API Image colorConvert(const Image& image, const std::string& fromSpace,
                                                   const std::string& toSpace);
 
+/// @}
+
 // ---------------------------------------------------------------------------------------------
 // Channel operations
 // ---------------------------------------------------------------------------------------------
+
+/// @defgroup channels Channel operations
+/// @{
 
 /// A new image of `channelCount` channels; channel i is `image`'s channel `channelOrder[i]`
 /// (a negative index gives 0). Failure: the empty Image and, at err,
@@ -339,9 +392,14 @@ VOREL_USD_IMAGE_PROCESSING_API Image invert(const Image& image, const OIIO::ROI&
 /// "Invert operation failed:\n{text}" / "Past operation failed:\n{text}" when OpenImageIO fails.
 VOREL_USD_IMAGE_PROCESSING_API Image invertChannel(const Image& image, std::string channelName);
 
+/// @}
+
 // ---------------------------------------------------------------------------------------------
 // Normalisation
 // ---------------------------------------------------------------------------------------------
+
+/// @defgroup normalisation Normalisation
+/// @{
 
 /// Remaps the channels named in `channelNames` ("R", "G", "B" when empty) linearly, with one
 /// range over all of them, so that their smallest sample becomes `targetMin` and their largest
@@ -355,9 +413,14 @@ VOREL_USD_IMAGE_PROCESSING_API Image invertChannel(const Image& image, std::stri
 VOREL_USD_IMAGE_PROCESSING_API Image normalize(const Image& image, float targetMin, float targetMax,
                                                const std::vector<std::string>& channelNames = {});
 
+/// @}
+
 // ---------------------------------------------------------------------------------------------
 // ID images
 // ---------------------------------------------------------------------------------------------
+
+/// @defgroup id_images ID images
+/// @{
 
 // An ID image has the pixel type scalar INT32: each sample is an identifier, and a negative
 // sample marks a pixel without one. Both functions change the image in place, in its own pixel
@@ -379,5 +442,7 @@ VOREL_USD_IMAGE_PROCESSING_API bool convertIdImageToUint(Image& image);
 /// is left as it was with the err line "Unexpected format for idImage"; one whose pixels aren't
 /// in local memory with "Can't modify image with non-local pixels".
 VOREL_USD_IMAGE_PROCESSING_API void idImageToMask(Image& image);
+
+/// @}
 
 }  // namespace vorel::usd::image_processing
