@@ -13,7 +13,7 @@ import numpy as np
 import vorel_usd_image_processing as vip
 
 
-def make_sample(path, size=256):
+def make_sample(path: str, size: int = 256) -> str:
     """A linear, premultiplied RGBA disc with a colour ramp, written as OpenEXR."""
     v, u = np.mgrid[0:size, 0:size].astype(np.float32) / (size - 1)
     alpha = np.clip((0.45 - np.hypot(u - 0.5, v - 0.5)) * 20.0, 0.0, 1.0)
@@ -25,7 +25,7 @@ def make_sample(path, size=256):
     return path
 
 
-def main():
+def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("input", nargs="?", help="image to read (default: a sample it makes)")
     parser.add_argument("-o", "--output", default="result.png")

@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include <docstrings.h>
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
@@ -30,6 +31,13 @@ namespace py = pybind11;
 using namespace py::literals;
 
 namespace {
+
+namespace docs = vorel::python::docs;
+
+/// A binding's own remarks (what Python gives and raises) before the C++ reference's text.
+std::string withNote(const char* library, const char* python) {
+    return std::string(python) + "\n\n" + library;
+}
 
 using Properties = std::map<std::string, std::string>;
 
@@ -157,23 +165,18 @@ whole image.)doc")
 }
 
 void bindTagsAndPixels(py::module_& m) {
-    m.def("getColorSpace", &ip::getColorSpace, "image"_a,
-          "The colour-space tag (\"oiio:ColorSpace\"), or \"\" when the image has none.");
-    m.def("setColorSpace", &ip::setColorSpace, "image"_a, "colorSpace"_a,
-          "Sets the colour-space tag without converting pixels; warns for \"\" and \"unknown\".");
-    m.def("getNumChannels", &ip::getNumChannels, "image"_a,
-          "The number of channels; 0 for the empty Image.");
+    m.def("getColorSpace", &ip::getColorSpace, "image"_a, docs::getColorSpace);
+    m.def("setColorSpace", &ip::setColorSpace, "image"_a, "colorSpace"_a, docs::setColorSpace);
+    m.def("getNumChannels", &ip::getNumChannels, "image"_a, docs::getNumChannels);
     m.def("getPixelValue", &ip::getPixelValue, "image"_a, "x"_a, "y"_a, "z"_a, "channel"_a,
-          "One sample as a float (integer types scaled to 0..1); 0.0 outside the image.");
+          docs::getPixelValue);
     m.def("getPixelUIntValue", &ip::getPixelUIntValue, "image"_a, "x"_a, "y"_a, "z"_a, "channel"_a,
-          "One stored sample of a uint32 image; 0 and an error log otherwise.");
+          docs::getPixelUIntValue);
 }
 
 void bindReading(py::module_& m) {
-    m.def("readImage", ipy::withoutGil(&ip::readImage), "path"_a,
-          "Reads the first subimage of a file in its own pixel type; the empty Image on failure.");
-    m.def("getImageSpec", ipy::withoutGil(&ip::getImageSpec), "path"_a,
-          "Width and height of a file without reading pixels; ImageSpec(0, 0) on failure.");
+    m.def("readImage", ipy::withoutGil(&ip::readImage), "path"_a, docs::readImage);
+    m.def("getImageSpec", ipy::withoutGil(&ip::getImageSpec), "path"_a, docs::getImageSpec);
     m.def(
         "createImageFromData",
         [](const py::buffer& data, int width, int height, int numChannels,
@@ -186,26 +189,36 @@ void bindReading(py::module_& m) {
             });
         },
         "data"_a, "width"_a, "height"_a, "numChannels"_a, "format"_a,
-        "A new image holding a copy of C-ordered samples of NumPy dtype `format` from any buffer "
-        "(bytes, bytearray, array); the empty Image on failure. Raises ValueError for too little "
-        "data.");
+        withNote(docs::createImageFromData,
+                 "A new image holding a copy of C-ordered samples of NumPy dtype `format` from any "
+                 "buffer "
+                 "(bytes, bytearray, array); the empty Image on failure. Raises ValueError for too "
+                 "little "
+                 "data.")
+            .c_str());
     m.def("getImageFromAssetPath", ipy::withoutGil(&ip::getImageFromAssetPath), "assetPath"_a,
-          "Loads an image that a USD scene names, through Hio; samples are always uint8.");
+          docs::getImageFromAssetPath);
     m.def(
         "getNumChannelsFromHgiFormat",
         [](int format) {
             return ip::getNumChannelsFromHgiFormat(static_cast<PXR_NS::HgiFormat>(format));
         },
-        "format"_a, "Channels of an HgiFormat value (an int); 0 for unsupported formats.");
+        "format"_a,
+        withNote(docs::getNumChannelsFromHgiFormat,
+                 "Channels of an HgiFormat value (an int); 0 for unsupported formats.")
+            .c_str());
     m.def(
         "getOIIOTypeDescFromHgiFormat",
         [](int format) {
             return ipy::dtypeOf(
                 ip::getOIIOTypeDescFromHgiFormat(static_cast<PXR_NS::HgiFormat>(format)));
         },
-        "format"_a, "The NumPy dtype of one channel of an HgiFormat value (an int).");
+        "format"_a,
+        withNote(docs::getOIIOTypeDescFromHgiFormat,
+                 "The NumPy dtype of one channel of an HgiFormat value (an int).")
+            .c_str());
     m.def("getSupportedImageExtensions", &ip::getSupportedImageExtensions,
-          "Every file extension OpenImageIO knows, without the dot.");
+          docs::getSupportedImageExtensions);
     // What a C++ host does with OIIO::attribute: the limits that the library holds sizes to, and
     // "try_all_readers", for files from anyone.
     m.def(
@@ -225,13 +238,14 @@ void bindWriting(py::module_& m) {
             return ipy::callWithoutGil([&] { return ip::colorConvertByFormat(image, path); });
         },
         "image"_a, "path"_a,
-        "Converts the image in place to the colour space the extension of `path` calls for "
-        "(\"sRGB\" or \"linear\"); True when a conversion ran.");
+        withNote(docs::colorConvertByFormat,
+                 "Raises ValueError while an array from pixels() shares the "
+                 "image's memory.")
+            .c_str());
     m.def("writeImage", ipy::withoutGil(&ip::writeImage), "image"_a, "path"_a,
-          "compressionLevel"_a = -1,
-          "Writes the image; the format follows from the file name. False on failure.");
+          "compressionLevel"_a = -1, docs::writeImage);
     m.def("writeMultiPartEXR", ipy::withoutGil(&ip::writeMultiPartEXR), "layerNames"_a, "images"_a,
-          "path"_a, "Writes the images as the named parts of one file. False on failure.");
+          "path"_a, docs::writeMultiPartEXR);
     m.def(
         "writeAnimatedGif",
         [](const std::vector<ip::Image*>& frames, const std::filesystem::path& path,
@@ -251,34 +265,26 @@ void bindWriting(py::module_& m) {
             }
             return written;
         },
-        "frames"_a, "path"_a, "framesPerSecond"_a,
-        "Writes the frames as an animation. False on failure; a refused frame's reason is "
-        "pending on that frame (frame.geterror()).");
+        "frames"_a, "path"_a, "framesPerSecond"_a, docs::writeAnimatedGif);
 }
 
 void bindMetadata(py::module_& m) {
-    m.def("getMetadataFromImage", &ip::getMetadataFromImage, "image"_a,
-          "Every attribute of the image as a dict of str, int, float or lists of them.");
+    m.def("getMetadataFromImage", &ip::getMetadataFromImage, "image"_a, docs::getMetadataFromImage);
     m.def("addMetadataToImage", &ip::addMetadataToImage, "image"_a, "metadata"_a,
-          "Writes str, int and float entries as attributes; False at the first other value.");
+          docs::addMetadataToImage);
 }
 
 void bindOperations(py::module_& m) {
     const auto whole = py::arg_v("roi", kWholeImage, "ROI()");
-    m.def("cut", ipy::withoutGil(&ip::cut), "image"_a, "roi"_a,
-          "The region `roi`, moved to the origin.");
-    m.def("fit", ipy::withoutGil(&ip::fit), "image"_a, "roi"_a,
-          "The image scaled into `roi` with its aspect ratio kept.");
-    m.def("resize", ipy::withoutGil(&ip::resize), "image"_a, "roi"_a,
-          "The image resampled to the size of `roi`.");
+    m.def("cut", ipy::withoutGil(&ip::cut), "image"_a, "roi"_a, docs::cut);
+    m.def("fit", ipy::withoutGil(&ip::fit), "image"_a, "roi"_a, docs::fit);
+    m.def("resize", ipy::withoutGil(&ip::resize), "image"_a, "roi"_a, docs::resize);
     m.def("rotate", ipy::withoutGil(&ip::rotate), "image"_a, "angle"_a, "recomputeRoi"_a,
-          "The image rotated by `angle` radians about its centre.");
-    m.def("paste", ipy::withoutGil(&ip::paste), "dst"_a, "x"_a, "y"_a, "src"_a, whole,
-          "Writes `roi` of `src` into `dst` at (x, y), in place. False on failure.");
-    m.def("over", ipy::withoutGil(&ip::over), "foreground"_a, "background"_a, whole,
-          "`foreground` composited over `background` (both with alpha).");
+          docs::rotate);
+    m.def("paste", ipy::withoutGil(&ip::paste), "dst"_a, "x"_a, "y"_a, "src"_a, whole, docs::paste);
+    m.def("over", ipy::withoutGil(&ip::over), "foreground"_a, "background"_a, whole, docs::over);
     m.def("createSolidColorImage", ipy::withoutGil(&ip::createSolidColorImage), "color"_a, "roi"_a,
-          "A float image covering `roi` filled with `color`, one value per channel.");
+          docs::createSolidColorImage);
     m.def(
         "compositeOverBackgroundColor",
         [](ip::Image& image, const std::vector<float>& backgroundColor) {
@@ -286,9 +292,11 @@ void bindOperations(py::module_& m) {
             ipy::callWithoutGil([&] { ip::compositeOverBackgroundColor(image, backgroundColor); });
         },
         "image"_a, "backgroundColor"_a,
-        "Flattens an RGBA image over a solid colour (R, G, B, A), in place.");
-    m.def("preMultiply", ipy::withoutGil(&ip::preMultiply), "image"_a, "mode"_a,
-          "The image premultiplied, unpremultiplied or repremultiplied by its alpha.");
+        withNote(docs::compositeOverBackgroundColor,
+                 "Raises ValueError while an array from pixels() shares the "
+                 "image's memory.")
+            .c_str());
+    m.def("preMultiply", ipy::withoutGil(&ip::preMultiply), "image"_a, "mode"_a, docs::preMultiply);
     m.def(
         "addAlphaChannel",
         [](ip::Image& image, float alpha) {
@@ -296,9 +304,12 @@ void bindOperations(py::module_& m) {
             return ipy::callWithoutGil([&] { return ip::addAlphaChannel(image, alpha); });
         },
         "image"_a, "alpha"_a,
-        "Gives a 3-channel image an alpha channel of value `alpha`, in place; False otherwise.");
+        withNote(docs::addAlphaChannel,
+                 "Raises ValueError while an array from pixels() shares the "
+                 "image's memory.")
+            .c_str());
     m.def("colorConvert", ipy::withoutGil(&ip::colorConvert), "image"_a, "fromSpace"_a, "toSpace"_a,
-          "The pixels converted from one named colour space to another.");
+          docs::colorConvert);
     m.def(
         "shuffle",
         [](const ip::Image& image, int channelCount, const std::vector<int>& channelOrder) {
@@ -310,29 +321,30 @@ void bindOperations(py::module_& m) {
             return ipy::callWithoutGil(
                 [&] { return ip::shuffle(image, channelCount, channelOrder); });
         },
-        "image"_a, "channelCount"_a, "channelOrder"_a,
-        "A new image whose channel i is the source's channel channelOrder[i] (negative: 0).");
+        "image"_a, "channelCount"_a, "channelOrder"_a, docs::shuffle);
     m.def("channelAppend", ipy::withoutGil(&ip::channelAppend), "first"_a, "second"_a, whole,
-          "The channels of `first` followed by those of `second`.");
-    m.def("invert", ipy::withoutGil(&ip::invert), "image"_a, whole,
-          "1 - v for every sample within `roi`.");
+          docs::channelAppend);
+    m.def("invert", ipy::withoutGil(&ip::invert), "image"_a, whole, docs::invert);
     m.def("invertChannel", ipy::withoutGil(&ip::invertChannel), "image"_a, "channelName"_a,
-          "The image with the channel named `channelName` inverted.");
+          docs::invertChannel);
     m.def("normalize", ipy::withoutGil(&ip::normalize), "image"_a, "targetMin"_a, "targetMax"_a,
-          "channelNames"_a = std::vector<std::string>{},
-          "Remaps the named channels (R, G, B by default) onto targetMin..targetMax.");
+          "channelNames"_a = std::vector<std::string>{}, docs::normalize);
 }
 
 void bindIdImages(py::module_& m) {
     m.def("convertIdImageToUint", ipy::withoutGil(&ip::convertIdImageToUint), "image"_a,
-          "Turns an int32 ID image into uint32 in place (negative IDs to 0, n to n + 1).");
+          docs::convertIdImageToUint);
     m.def(
         "idImageToMask",
         [](ip::Image& image) {
             ipy::requireNoPixelArrays(image, "idImageToMask");
             ipy::callWithoutGil([&] { ip::idImageToMask(image); });
         },
-        "image"_a, "Replaces a one-channel int32 ID image by a dilated 4-channel uint8 mask.");
+        "image"_a,
+        withNote(docs::idImageToMask,
+                 "Raises ValueError while an array from pixels() shares the "
+                 "image's memory.")
+            .c_str());
 }
 
 }  // namespace

@@ -41,7 +41,7 @@ class Job:
     output: str
     ops: tuple[str, ...] = ()
     png_compression: int = -1
-    limits: tuple[tuple[str, int], ...] = ()  # OpenImageIO attributes for untrusted files
+    attributes: tuple[tuple[str, int], ...] = ()  # OpenImageIO's, set in each converter
     timeout: float | None = None
 
     @property
@@ -59,6 +59,11 @@ def _ints(text: str) -> list[int]:
 
 def _floats(text: str) -> list[float]:
     return [float(v) for v in text.split(",")]
+
+
+def _range(text: str) -> tuple[float, float]:
+    low, high = _floats(text)
+    return low, high
 
 
 def _size(text: str) -> vip.ROI:
@@ -102,7 +107,7 @@ OPERATIONS: dict[str, Callable[[vip.Image, str], vip.Image]] = {
     "invert": lambda image, a: vip.invert(image),
     "invert-channel": lambda image, a: vip.invertChannel(image, a),
     "shuffle": lambda image, a: vip.shuffle(image, len(_ints(a)), _ints(a)),
-    "normalize": lambda image, a: vip.normalize(image, *_floats(a or "0,1")),
+    "normalize": lambda image, a: vip.normalize(image, *_range(a or "0,1")),
     "color-convert": lambda image, a: vip.colorConvert(image, *a.split(",")),
     "tag": lambda image, a: _in_place(lambda i: vip.setColorSpace(i, a))(image),
     "id-mask": lambda image, a: _in_place(vip.idImageToMask)(image),
@@ -168,14 +173,14 @@ def serve(requests: IO[str], replies: IO[str]) -> None:
     logger = logging.getLogger(LOGGER)
     logger.addHandler(lines)
     logger.propagate = False
-    limits_set = False
+    attributes_set = False
     for request in requests:
-        job = Job(**{k: tuple(map(tuple, v)) if k == "limits" else v
+        job = Job(**{k: tuple(map(tuple, v)) if k == "attributes" else v
                      for k, v in json.loads(request).items()})
-        if not limits_set:
-            for name, value in job.limits:
+        if not attributes_set:
+            for name, value in job.attributes:
                 vip.setOpenImageIOAttribute(name, value)
-            limits_set = True
+            attributes_set = True
         replies.write(json.dumps(convert(job, lines)) + "\n")
         replies.flush()
 
@@ -262,9 +267,9 @@ def find_inputs(inputs: list[str]) -> Iterator[tuple[str, pathlib.Path]]:
             listed = pathlib.Path(given[1:]).read_text().splitlines()
             yield from find_inputs([line.strip() for line in listed if line.strip()])
         elif os.path.isdir(given):
-            for found in sorted(pathlib.Path(given).rglob("*")):
-                if found.is_file():
-                    yield str(found), pathlib.Path(given)
+            for path in sorted(pathlib.Path(given).rglob("*")):
+                if path.is_file():
+                    yield str(path), pathlib.Path(given)
         elif glob.has_magic(given):
             for found in sorted(glob.glob(given, recursive=True)):
                 if os.path.isfile(found):
@@ -276,8 +281,13 @@ def find_inputs(inputs: list[str]) -> Iterator[tuple[str, pathlib.Path]]:
 def plan(args: argparse.Namespace) -> list[Job]:
     """A job per input; exits with status 2 when two inputs would land on one output."""
     extension = args.ext if args.ext.startswith(".") else "." + args.ext
-    limits = ((("limits:imagesize_MB", args.max_image_mb), ("limits:channels", args.max_channels),
-               ("try_all_readers", 0)) if args.untrusted else ())
+    attributes: tuple[tuple[str, int], ...] = ()
+    if args.untrusted:
+        attributes = (("limits:imagesize_MB", args.max_image_mb),
+                      ("limits:channels", args.max_channels), ("try_all_readers", 0))
+    if not args.scheduler:
+        # The local workers share this machine's cores with OpenImageIO's threads in each.
+        attributes += (("threads", max(1, (os.cpu_count() or 1) // args.workers)),)
     jobs: list[Job] = []
     claimed: dict[str, str] = {}
     for given, folder in find_inputs(args.inputs):
@@ -287,7 +297,7 @@ def plan(args: argparse.Namespace) -> list[Job]:
             sys.exit(f"batch: {claimed[output]} and {given} would both be written to {output}")
         claimed[output] = given
         jobs.append(Job(given, str(pathlib.Path(given).absolute()), output, tuple(args.op),
-                        args.png_compression, limits, args.timeout))
+                        args.png_compression, attributes, args.timeout))
     return jobs
 
 
@@ -299,7 +309,8 @@ class Progress:
         self.started = self.last_line = time.monotonic()
         self.bar: Any = None
         if not quiet and sys.stderr.isatty():
-            from tqdm import tqdm
+            # Debian has no stubs for tqdm.
+            from tqdm import tqdm  # type: ignore[import]
 
             self.bar = tqdm(total=total, unit="file", dynamic_ncols=True)
 
@@ -337,14 +348,15 @@ def results(jobs: list[Job], args: argparse.Namespace) -> Iterator[Result]:
     if not pending:
         return
     # A task whose worker dies is given to one more worker, then reported: crashed.
-    with dask.config.set({"distributed.scheduler.allowed-failures": 1}):
-        cluster = None if args.scheduler else LocalCluster(
-            n_workers=args.workers, threads_per_worker=1, processes=True,
+    with dask.config.set({"distributed.scheduler.allowed-failures": 1}), \
+            tempfile.TemporaryDirectory(prefix="vorel-batch-dask-") as space:
+        cluster = None if args.scheduler else LocalCluster(  # type: ignore[no-untyped-call]
+            n_workers=args.workers, threads_per_worker=1, processes=True, local_directory=space,
             dashboard_address=None, silence_logs=logging.ERROR)
-        with Client(args.scheduler or cluster) as client:
+        with Client(args.scheduler or cluster) as client:  # type: ignore[no-untyped-call]
             futures = client.map(convert_on_worker, pending, pure=False)
             job_of = {future.key: job for future, job in zip(futures, pending)}
-            for future in as_completed(futures):
+            for future in as_completed(futures):  # type: ignore[no-untyped-call]
                 job = job_of[future.key]
                 try:
                     yield future.result()
@@ -352,7 +364,7 @@ def results(jobs: list[Job], args: argparse.Namespace) -> Iterator[Result]:
                     yield {"input": job.input, "status": "crashed", "output": job.output,
                            "reason": f"{type(error).__name__}: {error}", "seconds": 0.0}
         if cluster is not None:
-            cluster.close()
+            cluster.close()  # type: ignore[no-untyped-call]
 
 
 def parse_args(argv: list[str] | None) -> argparse.Namespace:
