@@ -26,6 +26,25 @@ OURS = re.compile(r"vorel|LLVMFuzzerTestOneInput|/fuzz/|/usd/image_processing/|/
 FRAME = re.compile(r"^\s*#\d+ 0x[0-9a-f]+ in (.*)$")
 
 
+def make_seeds(seeds: pathlib.Path) -> None:
+    """A small valid file of each extension the target picks from, written by oiiotool, behind
+    the byte that picks it."""
+    source = (pathlib.Path(__file__).parent / "fuzz_read.cpp").read_text()
+    listed = re.search(r"kExtensions\[\] = \{([^}]*)\}", source).group(1)
+    shutil.rmtree(seeds, ignore_errors=True)
+    seeds.mkdir(parents=True)
+    for index, extension in enumerate(re.findall(r'"([^"]+)"', listed)):
+        channels = "1" if extension == ".fits" else "3"
+        fill = "fill:top=0.1:bottom=0.9" if channels == "1" else \
+            "fill:top=0.1,0.5,0.9:bottom=0.9,0.2,0.1"
+        valid = seeds / f"valid{extension}"
+        made = subprocess.run(["oiiotool", "--pattern", fill, "64x4", channels, "-o", str(valid)],
+                              capture_output=True, check=False)
+        if made.returncode == 0 and valid.exists():  # OpenImageIO writes no PSD or PIC
+            (seeds / f"seed{extension}").write_bytes(bytes([index]) + valid.read_bytes())
+        valid.unlink(missing_ok=True)
+
+
 def run_target(binary: pathlib.Path, seeds: pathlib.Path, work: pathlib.Path, seconds: int):
     corpus, artifacts = work / "corpus", work / "artifacts"
     shutil.rmtree(work, ignore_errors=True)
@@ -61,6 +80,7 @@ def main() -> int:
     parser.add_argument("--seconds", type=int, default=40, help="fuzzing time per target")
     args = parser.parse_args()
     seeds = args.build / "fuzz" / "seeds"
+    make_seeds(seeds)
     ours = 0
     for target in TARGETS:
         binary = args.build / "fuzz" / target
