@@ -16,24 +16,18 @@ namespace ip = vorel::usd::image_processing;
 
 namespace {
 
-/// The formats tried by name (fuzz/run_fuzzers.py makes a seed of each, in this order).
-/// OpenImageIO falls back to sniffing the content of a file that the named reader refuses, so
-/// every reader is reached whatever the extension. ".iff" and ".heic" are left out, and so is
-/// content that their readers (or SGI's) would take (see isKnownReaderCrash).
+/// The formats tried by name (run_fuzzers.py seeds each, in this order). A file that the named
+/// reader refuses goes to every other reader, so all are reached; ".iff" and ".heic" are left out.
 constexpr const char* kExtensions[] = {".png", ".jpg", ".bmp",  ".gif", ".webp", ".tif",
                                        ".exr", ".tga", ".hdr",  ".ppm", ".dpx",  ".sgi",
                                        ".ico", ".rla", ".fits", ".psd", ".pic"};
 constexpr size_t kExtensionCount = std::size(kExtensions);
 
-/// True for content that crashes a reader of OpenImageIO 2.4.7 itself, with no call of ours
-/// involved: the fuzzer would spend its time on them. Others can't be told by a magic number and
-/// are sorted out by fuzz/run_fuzzers.py instead, such as RLA's abort on an invalid channel type
-/// in RLAInput::seek_subimage and GIF's std::length_error thrown through GIFInput::seek_subimage.
-/// - IFF ("FOR4"): heap overflow in IffInput::readimg, abort on its "!(flags & BLACK)" assertion.
-/// - HEIF (an ISO box "ftyp" at 4): HeifInput::read_native_scanline copies rows of the claimed
-///   width out of libheif's smaller decoded image.
-/// - SGI (magic 474) with other than 1 or 2 bytes per channel: SgiInput::read_native_scanline
-///   segfaults (0) or throws std::length_error (255).
+/// True for content that crashes one of OpenImageIO 2.4.7's readers by itself, which the fuzzer
+/// would keep finding (RLA's and GIF's crashes have no magic number; run_fuzzers.py sorts them):
+/// IFF ("FOR4": IffInput::readimg overflows, or asserts "!(flags & BLACK)"), HEIF ("ftyp" at 4:
+/// rows of the claimed width copied out of a smaller decoded image) and SGI (magic 474) with
+/// other than 1 or 2 bytes per channel (SgiInput::read_native_scanline crashes or throws).
 bool isKnownReaderCrash(std::string_view bytes) {
     const auto holds = [bytes](size_t offset, std::string_view text) {
         return bytes.size() >= offset + text.size() && bytes.substr(offset, text.size()) == text;
@@ -42,9 +36,8 @@ bool isKnownReaderCrash(std::string_view bytes) {
     return holds(0, "FOR4") || holds(4, "ftyp") || sgi;
 }
 
-/// Marks `value` as coverage of its own. OpenImageIO is uninstrumented, so without this every
-/// format's seed would look the same to libFuzzer and all but one would be dropped: mark<N> is a
-/// function of its own for each N, its branch an edge.
+/// Marks `value` as coverage of its own (mark<N> is a function per N, its branch an edge): with
+/// OpenImageIO uninstrumented, every format's seed would otherwise look the same to libFuzzer.
 volatile size_t lastMark;
 template <size_t N>
 void mark(size_t value) {
@@ -57,8 +50,7 @@ void mark(size_t value) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    // The host's side of untrusted input: quiet, and no header may claim more pixel memory than
-    // the fuzzer's own memory limit allows.
+    // Quiet, and no header may claim more pixel memory than the fuzzer's own limit allows.
     spdlog::set_level(spdlog::level::off);
     OIIO::attribute("limits:imagesize_MB", 64);
     OIIO::attribute("limits:channels", 64);

@@ -7,6 +7,7 @@
 #include <map>
 
 #include <OpenImageIO/strutil.h>
+#include <gmock/gmock.h>
 
 #include "test_support.h"
 
@@ -16,6 +17,7 @@ using namespace vorel::test;
 using spdlog::level::err;
 using spdlog::level::warn;
 using T = OIIO::TypeDesc;
+using namespace ::testing;
 
 namespace {
 
@@ -48,21 +50,15 @@ fs::path exrClaiming(const fs::path& folder, int width, int height) {
 
 class Reading : public LibraryTest {
 protected:
-    /// No line when the call gave a result, else exactly one at `level`, starting with one of
-    /// `prefixes`.
-    void expectWholeOrOneLine(bool gave, level_enum level,
-                              const std::vector<std::string>& prefixes) {
+    /// No line when the call gave a result, else exactly one at `level` matching `pattern`.
+    void expectWholeOrOneLine(bool gave, level_enum level, const std::string& pattern) {
         const auto records = log.records();
         log.clear();
-        if (gave) {
-            EXPECT_TRUE(records.empty()) << records.at(0).message;
-            return;
+        ASSERT_EQ(records.size(), gave ? 0u : 1u) << records.at(0).message;
+        if (!gave) {
+            EXPECT_EQ(records[0].level, level);
+            EXPECT_THAT(records[0].message, ContainsRegex(pattern));
         }
-        ASSERT_EQ(records.size(), 1u);
-        EXPECT_EQ(records[0].level, level) << records[0].message;
-        EXPECT_TRUE(std::any_of(prefixes.begin(), prefixes.end(), [&](const std::string& p) {
-            return records[0].message.rfind(p, 0) == 0;
-        })) << records[0].message;
     }
 };
 
@@ -100,7 +96,8 @@ TEST_F(Reading, EveryLayoutReadsAsOneWholeReadInTheFilesOwnType) {
         const ip::Image read = ip::readImage(file);
         EXPECT_TRUE(sameImage(read.buffer, readWhole(file)));  // its own type, window and all
         EXPECT_EQ(read.buffer.storage(), OIIO::ImageBuf::LOCALBUFFER);
-        EXPECT_EQ(sizeOf(ip::getImageSpec(file)), std::pair(83, 301));
+        const ip::ImageSpec size = ip::getImageSpec(file);
+        EXPECT_EQ(std::pair(size.width, size.height), std::pair(83, 301));
     }
     EXPECT_EQ(ip::getColorSpace(ip::readImage(temp / "zip.exr")), "Linear");  // the reader's tag
     expectNoWarnings();
@@ -119,7 +116,7 @@ TEST_F(Reading, MissingAndCutFilesFailWithTheirOneLine) {
     fs::resize_file(cut, fs::file_size(cut) / 2);
     const std::string reason = (readWhole(cut), OIIO::geterror(true));
     EXPECT_FALSE(ip::readImage(cut).buffer.initialized());
-    ASSERT_EQ(log.atLeast(warn).size(), 1u);  // the reason may be empty: OpenImageIO's own
+    ASSERT_EQ(log.records(warn).size(), 1u);  // the reason may be empty: OpenImageIO's own
     EXPECT_EQ(log.records().at(0).message, "Couldn't read image " + cut + ":\n" + reason);
     EXPECT_EQ(ip::getImageSpec(cut).height, 400);
 }
@@ -226,36 +223,31 @@ TEST_F(Reading, DamagedFilesGiveAWholeImageOrTheirOneLine) {
         const ip::ImageSpec size = ip::getImageSpec(path);
         // Some readers open a damaged header as an image of no pixels, which is no failure.
         const bool opened = log.records().empty() || size.width > 0 || size.height > 0;
-        expectWholeOrOneLine(opened, err, {"Couldn't open image " + file + ":\n"});
+        expectWholeOrOneLine(opened, err, "^Couldn't open image " + file + ":\n");
         const ip::Image image = ip::readImage(path);
         read += image.buffer.initialized();
         EXPECT_TRUE(!image.buffer.initialized() || (image.buffer.spec().width == size.width &&
                                                     image.buffer.spec().height == size.height));
         expectWholeOrOneLine(image.buffer.initialized(), warn,
-                             {"Couldn't read image " + file + ":\n"});
+                             "^Couldn't read image " + file + ":\n");
         const ip::Image asset = ip::getImageFromAssetPath(file);
         EXPECT_TRUE(!asset.buffer.initialized() || asset.buffer.spec().format == T::UINT8);
         expectWholeOrOneLine(asset.buffer.initialized(), err,
-                             {"Failed to open image " + file,
-                              "Reading of image " + file + " failed", "Couldn't create image:\n"});
+                             "^(Failed to open image " + file + "|Reading of image " + file +
+                                 " failed|Couldn't create image:\n)");
     }
     EXPECT_TRUE(read > 10 && read < int(files.size()) - 30) << read << " of " << files.size();
 }
 
 TEST(SupportedExtensions, AreOpenImageIOsListOrderedByFormatName) {
-    // "format:ext,ext;format:ext" read here on its own.
-    const std::string list = OIIO::get_string_attribute("extension_list");
-    std::map<std::string, std::vector<std::string>> byFormat;
-    for (const std::string& piece : OIIO::Strutil::splits(list, ";")) {
-        const std::vector<std::string> parts = OIIO::Strutil::splits(piece, ":", 2);
-        byFormat[parts.at(0)] = OIIO::Strutil::splits(parts.at(1), ",");
-    }
-    std::vector<std::string> expected;
-    for (const auto& [format, extensions] : byFormat) {
-        expected.insert(expected.end(), extensions.begin(), extensions.end());
-    }
-    EXPECT_GT(expected.size(), byFormat.size());  // several formats list more than one
-    EXPECT_EQ(ip::getSupportedImageExtensions(), expected);
+    std::map<std::string, std::string> byFormat;  // from "format:ext,ext;format:ext"
+    for (const std::string& entry :
+         OIIO::Strutil::splits(OIIO::get_string_attribute("extension_list"), ";"))
+        byFormat[entry.substr(0, entry.find(':'))] = entry.substr(entry.find(':') + 1) + ",";
+    std::string expected;
+    for (const auto& [format, extensions] : byFormat)
+        expected += extensions;
+    EXPECT_EQ(OIIO::Strutil::join(ip::getSupportedImageExtensions(), ",") + ",", expected);
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 #pragma once
 
 // What every test file shares: a capture of spdlog's default logger, a temporary folder, a
-// host's limit set for a scope, and small image builders.
+// host's limit for a scope, and small image builders.
 
 #include <algorithm>
 #include <atomic>
@@ -11,7 +11,6 @@
 #include <mutex>
 #include <random>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include <OpenImageIO/imagebufalgo.h>
@@ -31,20 +30,24 @@ struct LogRecord {
     std::string message, funcname, filename;
 };
 
-/// Puts a capturing default logger (level trace) in place for its lifetime, as a host might swap
-/// loggers, and the previous one back afterwards.
+/// Captures every line of spdlog's default logger at every level, swapped in as a host might.
 class LogCapture {
     struct Sink final : spdlog::sinks::base_sink<std::mutex> {
         std::vector<LogRecord> records;
-        void sink_it_(const spdlog::details::log_msg& msg) override {
-            const auto text = [](const char* name) { return std::string(name ? name : ""); };
-            records.push_back({msg.level, std::string(msg.payload.begin(), msg.payload.end()),
-                               text(msg.source.funcname), text(msg.source.filename)});
+        void sink_it_(const spdlog::details::log_msg& m) override {
+            const auto text = [](const char* s) { return std::string(s ? s : ""); };
+            records.push_back({m.level, std::string(m.payload.begin(), m.payload.end()),
+                               text(m.source.funcname), text(m.source.filename)});
         }
         void flush_() override {}
-        std::vector<LogRecord> take(bool clear) {
-            std::lock_guard<std::mutex> lock(mutex_);
-            return clear ? std::exchange(records, {}) : records;
+        std::vector<LogRecord> copy(level_enum atLeast, bool clear) {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            std::vector<LogRecord> kept;
+            std::copy_if(records.begin(), records.end(), std::back_inserter(kept),
+                         [atLeast](const LogRecord& r) { return r.level >= atLeast; });
+            if (clear)
+                records.clear();
+            return kept;
         }
     };
 
@@ -56,17 +59,11 @@ public:
     }
     ~LogCapture() { spdlog::set_default_logger(previous_); }
     LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
 
-    std::vector<LogRecord> records() { return sink_->take(false); }
-    std::vector<LogRecord> atLeast(level_enum level) {
-        std::vector<LogRecord> kept = records();
-        kept.erase(std::remove_if(kept.begin(), kept.end(),
-                                  [level](const LogRecord& r) { return r.level < level; }),
-                   kept.end());
-        return kept;
+    std::vector<LogRecord> records(level_enum atLeast = spdlog::level::trace) {
+        return sink_->copy(atLeast, false);
     }
-    void clear() { sink_->take(true); }
+    void clear() { sink_->copy(spdlog::level::trace, true); }
 
 private:
     std::shared_ptr<spdlog::logger> previous_;
@@ -76,40 +73,35 @@ private:
 /// A fresh folder below the system temp folder, removed with everything in it at the end.
 class TempDir {
 public:
-    TempDir() {
-        static std::atomic<unsigned> counter{0};
-        path_ = std::filesystem::temp_directory_path() /
-                ("vorel_test_" + std::to_string(std::random_device()()) + "_" +
-                 std::to_string(counter++));
-        std::filesystem::create_directories(path_);
-    }
+    TempDir() { std::filesystem::create_directories(path_); }
     ~TempDir() {
         std::error_code ignored;
         std::filesystem::remove_all(path_, ignored);
     }
     TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
     const std::filesystem::path& path() const { return path_; }
     std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
 
 private:
-    std::filesystem::path path_;
+    static inline std::atomic<unsigned> counter_{0};
+    const std::filesystem::path path_ =
+        std::filesystem::temp_directory_path() /
+        ("vorel_test_" + std::to_string(std::random_device()()) + "_" + std::to_string(counter_++));
 };
 
 /// Sets one of OpenImageIO's global limits as a host would, and puts the host's value back.
 class ScopedLimit {
 public:
     ScopedLimit(const char* name, int value)
-        : name_(name), previous_(OIIO::get_int_attribute(name, 0)) {
+        : name_(name), previous_(OIIO::get_int_attribute(name)) {
         OIIO::attribute(name_, value);
     }
     ~ScopedLimit() { OIIO::attribute(name_, previous_); }
     ScopedLimit(const ScopedLimit&) = delete;
-    ScopedLimit& operator=(const ScopedLimit&) = delete;
 
 private:
     const char* name_;
-    int previous_;
+    const int previous_;
 };
 
 /// Base fixture: a log capture and a temp folder.
@@ -119,7 +111,7 @@ protected:
     /// itself or, when `text` ends in a line break, `text` and then OpenImageIO's reason, which
     /// holds `reason`. Clears the capture.
     void expectOnly(level_enum level, const std::string& text, const std::string& reason = "") {
-        const auto records = log.atLeast(std::min(level, spdlog::level::warn));
+        const auto records = log.records(std::min(level, spdlog::level::warn));
         log.clear();
         ASSERT_EQ(records.size(), 1u) << text;
         const std::string& line = records[0].message;
@@ -134,9 +126,8 @@ protected:
         EXPECT_NE(line.find(reason, text.size()), std::string::npos) << line;
     }
     void expectNoWarnings() {
-        for (const auto& record : log.atLeast(spdlog::level::warn)) {
+        for (const auto& record : log.records(spdlog::level::warn))
             ADD_FAILURE() << "unexpected message: " << record.message;
-        }
     }
 
     LogCapture log;
@@ -145,7 +136,7 @@ protected:
 
 /// width x height pixels of `channels` channels of `format`: sample (x, y, c) is n = (x + width *
 /// y) * channels + c + 1, times `scale` for floating-point types and modulo the type's range for
-/// integer ones, so that every sample differs from its neighbours.
+/// integer ones (given as normalised floats that land on exact codes), so neighbours differ.
 inline ip::Image makeGradient(int width, int height, int channels,
                               OIIO::TypeDesc format = OIIO::TypeDesc::FLOAT, float scale = 0.001f) {
     ip::Image image;
@@ -156,18 +147,13 @@ inline ip::Image makeGradient(int width, int height, int channels,
         for (int x = 0; x < width; ++x) {
             for (int c = 0; c < channels; ++c) {
                 const double n = (x + width * y) * channels + c + 1;
-                // Integer types are given as normalised floats that land on exact codes.
-                pixel[c] = range == 0.0 ? static_cast<float>(n * scale)
-                                        : static_cast<float>(std::fmod(n, range) / (range - 1.0));
+                pixel[c] =
+                    range == 0.0 ? float(n * scale) : float(std::fmod(n, range) / (range - 1));
             }
             image.buffer.setpixel(x, y, pixel.data(), channels);
         }
     }
     return image;
-}
-
-inline std::pair<int, int> sizeOf(const ip::ImageSpec& spec) {
-    return {spec.width, spec.height};
 }
 
 /// Writes `buffer` through OpenImageIO itself, not through the library.
@@ -184,20 +170,16 @@ inline std::vector<float> pixelsOf(const ip::Image& image) {
 
 /// Same spec (size, channels, format, names, attributes) and the same samples.
 inline ::testing::AssertionResult sameImage(const OIIO::ImageBuf& a, const OIIO::ImageBuf& b) {
-    if (a.initialized() != b.initialized())
-        return ::testing::AssertionFailure() << "one is empty";
-    if (!a.initialized())
-        return ::testing::AssertionSuccess();
     const auto text = [](const OIIO::ImageBuf& buffer) {
-        return buffer.spec().serialize(OIIO::ImageSpec::SerialText,
-                                       OIIO::ImageSpec::SerialDetailedHuman);
+        return buffer.initialized() ? buffer.spec().serialize(OIIO::ImageSpec::SerialText,
+                                                              OIIO::ImageSpec::SerialDetailedHuman)
+                                    : "empty";
     };
     if (text(a) != text(b))
-        return ::testing::AssertionFailure() << "specs differ";
+        return ::testing::AssertionFailure() << "specs differ: " << text(a) << " / " << text(b);
     const auto comparison = OIIO::ImageBufAlgo::compare(a, b, 0.0f, 0.0f);
-    if (comparison.nfail != 0 || comparison.error) {
+    if (a.initialized() && (comparison.nfail != 0 || comparison.error))
         return ::testing::AssertionFailure() << comparison.nfail << " samples differ";
-    }
     return ::testing::AssertionSuccess();
 }
 

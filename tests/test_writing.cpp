@@ -5,6 +5,7 @@
 
 #include <OpenImageIO/imagebufalgo.h>
 #include <fmt/format.h>
+#include <gmock/gmock.h>
 
 #include "test_support.h"
 
@@ -16,6 +17,7 @@ using spdlog::level::err;
 using spdlog::level::warn;
 using Messages = std::vector<std::pair<spdlog::level::level_enum, std::string>>;
 using Strings = std::vector<std::string>;
+using ::testing::MatchesRegex;
 
 namespace {
 
@@ -58,16 +60,11 @@ TEST_F(Writing, ColorConvertByFormatFollowsTheExtensionPolicy) {
     const struct {
         const char *file, *from, *to, *extension;
     } cases[] = {
-        {"a.JPEG", "linear", "sRGB", ".jpeg"},
-        {"a.b.Gif", "srgb", "sRGB", ".gif"},
-        {"a.Tiff", "sRGB", "linear", ".tiff"},
-        {"a.tif", "srgb", "linear", ".tif"},
-        {"a.EXR", "Rec709", "linear", ".exr"},
-        {"a.PNG", "sRGB", "", ".png"},
-        {"a.exr", "linear", "", ".exr"},
-        {"a.xyz", "linear", "", ".xyz"},
-        {"noextension", "sRGB", "", ""},
-        {".exr", "sRGB", "", ""},
+        {"a.JPEG", "linear", "sRGB", ".jpeg"}, {"a.b.Gif", "srgb", "sRGB", ".gif"},
+        {"a.Tiff", "sRGB", "linear", ".tiff"}, {"a.tif", "srgb", "linear", ".tif"},
+        {"a.EXR", "Rec709", "linear", ".exr"}, {"a.PNG", "sRGB", "", ".png"},
+        {"a.exr", "linear", "", ".exr"},       {"a.xyz", "linear", "", ".xyz"},
+        {"noextension", "sRGB", "", ""},       {".exr", "sRGB", "", ""},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.file) + " from " + c.from);
@@ -107,18 +104,15 @@ TEST_F(Writing, WritesEveryExtensionAndReportsColourMismatchesWithoutRefusing) {
         ip::colorConvertByFormat(image, name);
         ASSERT_TRUE(ip::writeImage(image, temp / name, 6)) << name;
         expectNoWarnings();
-        EXPECT_EQ(subimages(temp / name).at(0).find(" 8x6 ") != std::string::npos, true) << name;
+        EXPECT_NE(subimages(temp / name).at(0).find(" 8x6 "), std::string::npos) << name;
     }
-    EXPECT_EQ(OIIO::ImageBufAlgo::compare(OIIO::ImageBuf((temp / "a.exr").string()),
-                                          tagged("").buffer, 0, 0)
-                  .nfail,
-              0u);
+    const OIIO::ImageBuf exr((temp / "a.exr").string());
+    EXPECT_EQ(OIIO::ImageBufAlgo::compare(exr, tagged("").buffer, 0, 0).nfail, 0u);
     // Strict extensions report a mismatch, and write all the same; lenient ones never do.
     const auto needs = [](const char* space, const char* extension, const char* required) {
         return fmt::format(
             "Image with color space '{}' cannot be written to '{}' extension, which "
-            "requires {} color space. Please convert the image to {} before "
-            "writing.",
+            "requires {} color space. Please convert the image to {} before writing.",
             space, extension, required, required);
     };
     const std::tuple<const char*, const char*, spdlog::level::level_enum, std::string>
@@ -134,8 +128,8 @@ TEST_F(Writing, WritesEveryExtensionAndReportsColourMismatchesWithoutRefusing) {
         expectOnly(level, message);
         EXPECT_EQ(subimages(temp / name).size(), 1u);
     }
-    ASSERT_TRUE(ip::writeImage(tagged("Rec709"), temp / "d.png"));
-    ASSERT_TRUE(ip::writeImage(tagged("Rec709"), temp / "d.TIFF"));
+    ASSERT_TRUE(ip::writeImage(tagged("Rec709"), temp / "d.png") &&
+                ip::writeImage(tagged("Rec709"), temp / "d.TIFF"));
     expectNoWarnings();
 
     // The level reaches the PNG writer; the debug lines of a write, the timing last.
@@ -145,13 +139,13 @@ TEST_F(Writing, WritesEveryExtensionAndReportsColourMismatchesWithoutRefusing) {
     log.clear();
     ASSERT_TRUE(ip::writeImage(image, stored, 0));
     EXPECT_GT(fs::file_size(stored), 2 * fs::file_size(temp / "packed.png"));
+    EXPECT_TRUE(sameImage(image.buffer, tagged("sRGB", 3, OIIO::TypeDesc::UINT8, 64, 64).buffer));
     const Messages logged = messages();
     ASSERT_EQ(logged.size(), 3u);
     EXPECT_EQ(logged[0].second, "Writing image with color space 'sRGB' to " + stored);
     EXPECT_EQ(logged[1].second, "Writing PNG image with compression level 0 to " + stored);
-    const std::string start = "Writing image of 64x64 resolution to " + stored + " took: ";
-    EXPECT_EQ(logged[2].second.rfind(start, 0), 0u) << logged[2].second;
-    EXPECT_EQ(logged[2].second.back(), 's');
+    EXPECT_THAT(logged[2].second, MatchesRegex("Writing image of 64x64 resolution to " + stored +
+                                               " took: [0-9.e+-]+ms"));
     ASSERT_TRUE(ip::writeImage(image, temp / "default.png", -1));
     EXPECT_EQ(messages().size(), 2u);  // no level line
 
@@ -174,13 +168,11 @@ TEST_F(Writing, MultiPartExrKeepsEachPartsChannelsTypeAndName) {
     // OpenEXR keeps 8 bits as half.
     EXPECT_EQ(subimages(file),
               (Strings{"beauty 3 half 8x6 0/0", "depth 1 float 8x6 0/0", "mask 4 half 8x6 0/0"}));
-    const ip::Image first = ip::readImage(file);  // reading takes the first part only
-    EXPECT_EQ(ip::getNumChannels(first), 3);
-    EXPECT_EQ(first.buffer.spec().format, OIIO::TypeHalf);
-    for (int part : {0, 1}) {  // the samples as they were, half and float
-        const OIIO::ImageBuf read(file.string(), part, 0);
-        EXPECT_EQ(OIIO::ImageBufAlgo::compare(read, images[part].buffer, 0, 0).nfail, 0u) << part;
-    }
+    // The samples as they were, half and float; reading takes the first part only.
+    const OIIO::ImageBuf parts[] = {ip::readImage(file).buffer,
+                                    OIIO::ImageBuf(file.string(), 1, 0)};
+    for (int part : {0, 1})
+        EXPECT_EQ(OIIO::ImageBufAlgo::compare(parts[part], images[part].buffer, 0, 0).nfail, 0u);
 
     // Each failure has its err line; a writer's text is taken back off the image it went through.
     EXPECT_FALSE(ip::writeMultiPartEXR({"a", "b"}, images, temp / "short.exr"));
@@ -194,16 +186,16 @@ TEST_F(Writing, MultiPartExrKeepsEachPartsChannelsTypeAndName) {
     EXPECT_FALSE(ip::writeMultiPartEXR({"a", "b", "c"}, images, temp / "parts.png"));
     expectOnly(err, "fail to open for subimagepng does not support subimages or MIP levels");
     EXPECT_FALSE(images[1].buffer.has_error());
-    // The writers that answer an empty declaration themselves say why.
-    for (const std::string format : {"OpenEXR", "gif"}) {
-        EXPECT_FALSE(ip::writeMultiPartEXR({}, {}, temp / ("none." + format)));
-        expectOnly(err, "fail to open " + format + " does not support 0 subimages.");
-    }
-    // The others would crash OpenImageIO 2.4.7 on an empty declaration: refused beforehand.
-    for (const auto& [name, format] : {std::pair{"none.png", "png"}, {"none.TIF", "tiff"}}) {
+    // OpenEXR and GIF refuse an empty declaration themselves; the others would crash
+    // OpenImageIO 2.4.7 and are refused beforehand.
+    for (const auto& [name, reason] :
+         {std::pair{"none.exr", "OpenEXR does not support 0 subimages."},
+          {"none.gif", "gif does not support 0 subimages."},
+          {"none.png", "png writer can't take 0 subimages"},
+          {"none.TIF", "tiff writer can't take 0 subimages"}}) {
         EXPECT_FALSE(ip::writeMultiPartEXR({}, {}, temp / name));
-        expectOnly(err, fmt::format("fail to open {} writer can't take 0 subimages", format));
-        EXPECT_FALSE(fs::exists(temp / name));
+        expectOnly(err, std::string("fail to open ") + reason);
+        EXPECT_FALSE(fs::exists(temp / name)) << name;
     }
 }
 
@@ -264,11 +256,10 @@ TEST_F(Writing, MetadataTravelsAsTypedValuesThroughAFile) {
     const int triple[3] = {7, -8, 9};
     const float single = 0.25f;
     const double ratio = 2.5;
-    other.buffer.specmod().attribute("vorel:triple", OIIO::TypeDesc(OIIO::TypeDesc::INT32, 3),
-                                     triple);
-    other.buffer.specmod().attribute("vorel:single", OIIO::TypeDesc(OIIO::TypeDesc::FLOAT, 1),
-                                     &single);
-    other.buffer.specmod().attribute("vorel:ratio", OIIO::TypeDesc::DOUBLE, &ratio);
+    OIIO::ImageSpec& spec = other.buffer.specmod();
+    spec.attribute("vorel:triple", OIIO::TypeDesc(OIIO::TypeDesc::INT32, 3), triple);
+    spec.attribute("vorel:single", OIIO::TypeDesc(OIIO::TypeDesc::FLOAT, 1), &single);
+    spec.attribute("vorel:ratio", OIIO::TypeDesc::DOUBLE, &ratio);
     const ip::MetadataMap metadata = ip::getMetadataFromImage(other);
     expectOnly(warn, "Unsupported OIIO metadata value type");
     EXPECT_EQ(metadata, (ip::MetadataMap{{"vorel:triple", std::vector<int>{7, -8, 9}},
