@@ -54,21 +54,19 @@ TEST_F(ImageCore, PixelAccessReadsFloatsAndExactUnsignedIntegers) {
     // Column, row, depth, channel: (2, 1) channel 1 of a 3-channel float gradient of width 4.
     const ip::Image gradient = makeGradient(4, 3, 3);
     EXPECT_FLOAT_EQ(ip::getPixelValue(gradient, 2, 1, 0, 1), ((2 + 4 * 1) * 3 + 1 + 1) * 0.001f);
-    EXPECT_EQ(ip::getPixelValue(gradient, 10, 1, 0, 0), 0.0f);
-    EXPECT_EQ(ip::getPixelValue(gradient, -1, 0, 0, 0), 0.0f);
+    EXPECT_EQ(ip::getPixelValue(gradient, 10, 1, 0, 0) + ip::getPixelValue(gradient, -1, 0, 0, 0),
+              0);
     std::vector<std::uint32_t> samples{0u, 16777217u, 4294967295u, 7u};
     const ip::Image uints = ip::createImageFromData(samples.data(), 2, 2, 1, OIIO::TypeUInt32);
-    EXPECT_EQ(ip::getPixelUIntValue(uints, 1, 0, 0, 0), 16777217u);  // beyond a float's 24 bits
-    EXPECT_EQ(ip::getPixelUIntValue(uints, 0, 1, 0, 0), 4294967295u);
-    EXPECT_EQ(ip::getPixelUIntValue(uints, 1, 1, 0, 0), 7u);
+    for (const int i : {1, 2, 3})  // beyond a float's 24 bits
+        EXPECT_EQ(ip::getPixelUIntValue(uints, i % 2, i / 2, 0, 0), samples[i]);
     expectNoWarnings();
-    for (const OIIO::TypeDesc& type : {OIIO::TypeUInt8, OIIO::TypeUInt16, OIIO::TypeFloat}) {
-        EXPECT_EQ(ip::getPixelUIntValue(makeGradient(2, 2, 1, type), 1, 1, 0, 0), 0u);
+    for (const OIIO::TypeDesc& type : {OIIO::TypeUInt8, OIIO::TypeFloat, OIIO::TypeUnknown}) {
+        const ip::Image image = type.basetype ? makeGradient(2, 2, 1, type) : ip::Image{};
+        EXPECT_EQ(ip::getPixelUIntValue(image, 1, 1, 0, 0), 0u);
         expectOnly(err, std::string("getPixelUIntValue requires UINT image, but image is ") +
                             type.c_str());
     }
-    EXPECT_EQ(ip::getPixelUIntValue(ip::Image{}, 0, 0, 0, 0), 0u);
-    expectOnly(err, "getPixelUIntValue requires UINT image, but image is unknown");
     // A channel beyond the image's would crash OpenImageIO 2.4.7's get_pixels.
     const ip::Image rgba = makeGradient(2, 2, 4, OIIO::TypeUInt32);
     for (const auto& [image, channel] : {std::pair{&uints, -1}, {&uints, 1}, {&rgba, 4}}) {
