@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cmath>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <mutex>
 #include <random>
@@ -14,6 +15,8 @@
 #include <vector>
 
 #include <OpenImageIO/imagebufalgo.h>
+#include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <gtest/gtest.h>
 #include <spdlog/sinks/base_sink.h>
 #include <spdlog/spdlog.h>
@@ -182,5 +185,72 @@ inline ::testing::AssertionResult sameImage(const OIIO::ImageBuf& a, const OIIO:
         return ::testing::AssertionFailure() << comparison.nfail << " samples differ";
     return ::testing::AssertionSuccess();
 }
+
+/// Every sample of the data window in the buffer's own type, pixel after pixel.
+template <typename V>
+std::string samplesOf(const OIIO::ImageBuf& buffer) {
+    std::vector<V> values(buffer.spec().image_pixels() * buffer.nchannels());
+    buffer.get_pixels(buffer.roi(), OIIO::BaseTypeFromC<V>::value, values.data());
+    return fmt::format(std::is_integral_v<V> ? "{}" : "{:.9g}", fmt::join(values, " "));
+}
+
+/// An Image in one line: "empty", or size, origin, type, channel names, colour-space tag and
+/// scalar samples (exact, up to 96 of them), then its properties.
+inline std::string describe(const ip::Image& image) {
+    std::string text = "empty";
+    if (const OIIO::ImageBuf& b = image.buffer; b.initialized()) {
+        const OIIO::ImageSpec& spec = b.spec();
+        text = fmt::format("{}x{}{:+}{:+} {} [{}] '{}': ", spec.width, spec.height, spec.x, spec.y,
+                           spec.format.c_str(), fmt::join(spec.channelnames, ","),
+                           spec.get_string_attribute("oiio:ColorSpace"));
+        using B = OIIO::TypeDesc;
+        const auto base = B::BASETYPE(spec.format.basetype);
+        text += spec.image_pixels() * b.nchannels() > 96 || spec.format.basevalues() != 1
+                    ? std::string("...")
+                : base == B::UINT8  ? samplesOf<std::uint8_t>(b)
+                : base == B::UINT16 ? samplesOf<std::uint16_t>(b)
+                : base == B::UINT32 ? samplesOf<std::uint32_t>(b)
+                : base == B::INT32  ? samplesOf<std::int32_t>(b)
+                                    : samplesOf<float>(b);
+    }
+    for (const auto& [name, value] : image.properties)
+        text += fmt::format(" {}={}", name, value);
+    return text;
+}
+
+/// A test as OpenImageIO writes its own: rows of calls, each printed as a label, what it gave
+/// and every line it logged, compared at the end with tests/ref/<test name>.txt. A change is a
+/// diff to read; VOREL_UPDATE_REFS=1 writes the new text there instead.
+class ReferenceTest : public LibraryTest {
+protected:
+    void row(const std::string& label, const std::string& result) {
+        out_ += label + " -> " + result + "\n";
+        for (const LogRecord& record : log.records()) {
+            out_ += fmt::format("  {}: {}\n", spdlog::level::to_string_view(record.level),
+                                record.message);
+            EXPECT_EQ(record.funcname, "vorel_usd_image_processing") << record.message;
+        }
+        log.clear();
+    }
+    void row(const std::string& label, bool result) {
+        row(label, std::string(result ? "true" : "false"));
+    }
+    void TearDown() override {
+        if (out_.empty())
+            return;
+        const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
+        const auto file =
+            std::filesystem::path(VOREL_TEST_REFS) / (test->name() + std::string(".txt"));
+        if (std::getenv("VOREL_UPDATE_REFS") != nullptr) {
+            std::ofstream(file) << out_;
+            return;
+        }
+        std::ifstream in(file);
+        EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), out_) << file;
+    }
+
+private:
+    std::string out_;
+};
 
 }  // namespace vorel::test
