@@ -1,7 +1,9 @@
 // The colour policy by extension and the three writers, proven on real files read back through
 // OpenImageIO's ImageInput, and the calls that would take OpenImageIO 2.4.7's writers down.
 
+#include <map>
 #include <tuple>
+#include <variant>
 
 #include <OpenImageIO/imagebufalgo.h>
 #include <fmt/format.h>
@@ -43,153 +45,76 @@ ip::Image tagged(const std::string& colorSpace, int channels = 3,
     return image;
 }
 
-class Writing : public LibraryTest {
-protected:
-    /// Every line logged since the last call.
-    Messages messages() {
-        Messages all;
-        for (const auto& record : log.records())
-            all.emplace_back(record.level, record.message);
-        log.clear();
-        return all;
-    }
-};
+std::string readBack(const fs::path& file) {
+    return fmt::format("{}", fmt::join(subimages(file), "; "));
+}
+
+class Writing : public ReferenceTest {};
 
 TEST_F(Writing, ColourPolicyConvertsForTheExtensionAndTheWriterOnlyReportsMismatches) {
-    // `to`: the space converted to, "" for none. The image is written converted, with no report,
-    // and as it was: strict (S) extensions report a mismatch and write all the same, lenient (L)
-    // ones never report, and (-) has no writer.
-    const struct {
-        const char *file, *from, *to, *extension, written;
-    } cases[] = {
-        {"a.JPEG", "linear", "sRGB", ".jpeg", 'S'},
-        {"a.b.Gif", "srgb", "sRGB", ".gif", 'S'},
-        {"a.Bmp", "linear", "sRGB", ".bmp", 'S'},
-        {"a.WEBP", "linear", "sRGB", ".webp", 'S'},
-        {"a.EXR", "Rec709", "linear", ".exr", 'S'},
-        {"a.exr", "linear", "", ".exr", 'S'},
-        {"a.Tiff", "sRGB", "linear", ".tiff", 'L'},
-        {"a.tif", "srgb", "linear", ".tif", 'L'},
-        {"a.png", "linear", "sRGB", ".png", 'L'},
-        {"a.PNG", "sRGB", "", ".png", 'L'},
-        {"a.xyz", "linear", "", ".xyz", '-'},
-        {"noextension", "sRGB", "", "", '-'},
-        {".exr", "sRGB", "", "", '-'},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.file) + " from " + c.from);
-        const std::string to = c.to, extension = "extension '" + std::string(c.extension) + "'";
-        ip::Image image = tagged(c.from);
-        log.clear();
-        EXPECT_EQ(ip::colorConvertByFormat(image, temp / c.file), !to.empty());
-        Messages expected{{debug, to.empty() ? "No color conversion needed for " + extension
-                                             : "Converted image from '" + std::string(c.from) +
-                                                   "' to '" + to + "' for " + extension}};
-        if (to == "linear") {
-            expected.emplace_back(warn,
-                                  "Converting to linear space, this is not normally recommended "
-                                  "and could result in loss of information.  It would be better  "
-                                  "to keep everything in linear space before exporting");
-        }
-        EXPECT_EQ(messages(), expected);
-        EXPECT_EQ(ip::getColorSpace(image), to.empty() ? c.from : to);
-        EXPECT_TRUE(!to.empty() || sameImage(image.buffer, tagged(c.from).buffer));
-        if (c.written == '-')
-            continue;
-        ASSERT_TRUE(ip::writeImage(image, temp / c.file, 6));
-        expectNoWarnings();
-        EXPECT_NE(subimages(temp / c.file).at(0).find(" 8x6 "), std::string::npos);
-        ASSERT_TRUE(ip::writeImage(tagged(c.from), temp / c.file));
-        if (c.written == 'S' && !to.empty())
-            expectOnly(err, fmt::format("Image with color space '{}' cannot be written to '{}' "
-                                        "extension, which requires {} color space. Please convert "
-                                        "the image to {} before writing.",
-                                        c.from, c.extension, to, to));
-        expectNoWarnings();
+    // Converted for the extension, written converted and written as it was: strict extensions
+    // report a mismatch and write all the same, lenient ones never report.
+    const std::pair<const char*, const char*> cases[] = {
+        {"a.JPEG", "linear"}, {"a.b.Gif", "srgb"}, {"a.Bmp", "linear"}, {"a.WEBP", "linear"},
+        {"a.EXR", "Rec709"},  {"a.exr", "linear"}, {"a.Tiff", "sRGB"},  {"a.tif", "srgb"},
+        {"a.png", "linear"},  {"a.PNG", "sRGB"},   {"a.xyz", "linear"}, {"noextension", "sRGB"},
+        {".exr", "sRGB"},     {"b.jpg", ""},       {"c.jpg", "unknown"}};
+    for (const auto& [file, from] : cases) {
+        ip::Image image = tagged(from);
+        row(fmt::format("{} from '{}'", file, from), ip::colorConvertByFormat(image, temp / file));
+        row("  converted", describe(image));
+        if (image.buffer.initialized())
+            row("  written", ip::writeImage(image, temp / file, -1));
+        row("  written as it was", ip::writeImage(tagged(from), temp / file));
+        row("  read back", readBack(temp / file));
     }
     // Float samples reach OpenEXR exactly.
     const OIIO::ImageBuf exr((temp / "a.exr").string());
     EXPECT_EQ(OIIO::ImageBufAlgo::compare(exr, tagged("").buffer, 0, 0).nfail, 0u);
-    ip::Image untagged = tagged("");
-    EXPECT_FALSE(ip::colorConvertByFormat(untagged, "b.jpg"));
-    expectOnly(warn, "Image has no color space set and is unknown, no conversions will be done");
-    EXPECT_TRUE(ip::writeImage(untagged, temp / "b.jpg"));
-    expectOnly(warn,
-               "Image has no color space set, unable to verify the correct color space is used "
-               "for writing to disk for the specified extension");
-    // A conversion that fails still counts as run, and leaves the empty Image behind.
-    ip::Image unknown = tagged("unknown");
-    EXPECT_TRUE(ip::colorConvertByFormat(unknown, "a.jpg"));
-    EXPECT_FALSE(unknown.buffer.initialized());
-    EXPECT_EQ(log.records().back().message,
-              "Converted image from 'unknown' to 'sRGB' for extension '.jpg'");
-    expectOnly(err, "colorConvert operation failed:\n");
 }
 
-TEST_F(Writing, WritesThePngLevelAndReportsFailures) {
-    // The level reaches the PNG writer; the debug lines of a write, the timing last.
+TEST_F(Writing, ThePngLevelAndTheFailuresOfAWrite) {
     const ip::Image image = tagged("sRGB", 3, OIIO::TypeDesc::UINT8, 64, 64);
-    const std::string stored = (temp / "stored.png").string();
-    ASSERT_TRUE(ip::writeImage(image, temp / "packed.png", 9));
-    log.clear();
-    ASSERT_TRUE(ip::writeImage(image, stored, 0));
-    EXPECT_GT(fs::file_size(stored), 2 * fs::file_size(temp / "packed.png"));
-    const Messages logged = messages();
-    ASSERT_EQ(logged.size(), 3u);
-    EXPECT_EQ(logged[0].second, "Writing image with color space 'sRGB' to " + stored);
-    EXPECT_EQ(logged[1].second, "Writing PNG image with compression level 0 to " + stored);
-    EXPECT_THAT(logged[2].second, MatchesRegex("Writing image of 64x64 resolution to " + stored +
-                                               " took: [0-9.e+-]+ms"));
-    ASSERT_TRUE(ip::writeImage(image, temp / "default.png", -1));
-    EXPECT_EQ(messages().size(), 2u);  // no level line
-
-    // An unknown extension fails before any colour message, with OpenImageIO's reason; a missing
-    // folder at the open, where the PNG writer gives none.
-    EXPECT_FALSE(ip::writeImage(tagged(""), temp / "image.xyz"));
-    expectOnly(err, "Couldn't write image " + (temp / "image.xyz").string() + ":\n", "xyz");
-    EXPECT_FALSE(ip::writeImage(tagged("sRGB"), temp / "no folder/image.png"));
-    EXPECT_EQ(messages().back(),
-              std::pair(err, "Couldn't write image " + (temp / "no folder/image.png").string() +
-                                 ":\n"));  // no timing line after it
+    for (const int level : {9, 0, -1})
+        row(fmt::format("level {}", level),
+            ip::writeImage(image, temp / fmt::format("{}.png", level), level));
+    EXPECT_GT(fs::file_size(temp / "0.png"), 2 * fs::file_size(temp / "9.png"));
+    // An unknown extension fails before any colour message; a missing folder at the open, where
+    // the PNG writer gives no reason.
+    row("unknown extension", ip::writeImage(tagged(""), temp / "image.xyz"));
+    row("missing folder", ip::writeImage(tagged("sRGB"), temp / "no folder/image.png"));
 }
 
 TEST_F(Writing, MultiPartExrKeepsEachPartsChannelsTypeAndName) {
     const std::vector<ip::Image> images{tagged("linear", 3, OIIO::TypeHalf), tagged("", 1),
                                         tagged("sRGB", 4, OIIO::TypeDesc::UINT8)};
     const fs::path file = temp / "layers.exr";
-    ASSERT_TRUE(ip::writeMultiPartEXR({"beauty", "depth", "mask"}, images, file));
-    EXPECT_TRUE(log.records().empty());
-    // OpenEXR keeps 8 bits as half.
-    EXPECT_EQ(subimages(file),
-              (Strings{"beauty 3 half 8x6 0/0", "depth 1 float 8x6 0/0", "mask 4 half 8x6 0/0"}));
+    row("3 parts", ip::writeMultiPartEXR({"beauty", "depth", "mask"}, images, file));
+    row("  read back", readBack(file));  // OpenEXR keeps 8 bits as half
     // The samples as they were, half and float; reading takes the first part only.
     const OIIO::ImageBuf parts[] = {ip::readImage(file).buffer,
                                     OIIO::ImageBuf(file.string(), 1, 0)};
     for (int part : {0, 1})
         EXPECT_EQ(OIIO::ImageBufAlgo::compare(parts[part], images[part].buffer, 0, 0).nfail, 0u);
-
-    // Each failure has its err line; a writer's text is taken back off the image it went through.
-    EXPECT_FALSE(ip::writeMultiPartEXR({"a", "b"}, images, temp / "short.exr"));
-    expectOnly(err, "layerNames (arg1) and images (arg2) must be of the same length");
-    EXPECT_FALSE(fs::exists(temp / "short.exr"));
-    const std::vector<ip::Image> sizes{tagged("linear"), tagged("linear", 3, OIIO::TypeFloat, 4)};
-    EXPECT_FALSE(ip::writeMultiPartEXR({"a", "b"}, sizes, temp / "sizes.exr"));
-    EXPECT_EQ(log.records().at(0).message.rfind("fail to open OpenEXR exception", 0), 0u);
-    log.clear();
-    EXPECT_FALSE(sizes[0].buffer.has_error());
-    EXPECT_FALSE(ip::writeMultiPartEXR({"a", "b", "c"}, images, temp / "parts.png"));
-    expectOnly(err, "fail to open for subimagepng does not support subimages or MIP levels");
-    EXPECT_FALSE(images[1].buffer.has_error());
-    // OpenEXR and GIF refuse an empty declaration themselves; the others would crash
-    // OpenImageIO 2.4.7 and are refused beforehand.
-    for (const auto& [name, reason] :
-         {std::pair{"none.exr", "OpenEXR does not support 0 subimages."},
-          {"none.gif", "gif does not support 0 subimages."},
-          {"none.png", "png writer can't take 0 subimages"},
-          {"none.TIF", "tiff writer can't take 0 subimages"}}) {
-        EXPECT_FALSE(ip::writeMultiPartEXR({}, {}, temp / name));
-        expectOnly(err, std::string("fail to open ") + reason);
-        EXPECT_FALSE(fs::exists(temp / name)) << name;
+    // A writer's text is taken back off the image it went through. OpenEXR and GIF refuse an
+    // empty declaration themselves; the others would crash OpenImageIO 2.4.7 and are refused
+    // beforehand.
+    const std::vector<ip::Image> none,
+        sizes{tagged("linear"), tagged("linear", 3, OIIO::TypeFloat, 4)};
+    const std::tuple<std::vector<std::string>, const std::vector<ip::Image>*, const char*> cases[] =
+        {{{"a", "b"}, &images, "short.exr"},
+         {{"a", "b"}, &sizes, "sizes.exr"},
+         {{"a", "b", "c"}, &images, "parts.png"},
+         {{}, &none, "none.exr"},
+         {{}, &none, "none.gif"},
+         {{}, &none, "none.png"},
+         {{}, &none, "none.TIF"}};
+    for (const auto& [names, list, name] : cases) {
+        row(name, ip::writeMultiPartEXR(names, *list, temp / name));
+        const bool errorLeft = std::any_of(list->begin(), list->end(),
+                                           [](const ip::Image& i) { return i.buffer.has_error(); });
+        row("  file exists, error left on an image",
+            fmt::format("{}, {}", fs::exists(temp / name), errorLeft));
     }
 }
 
@@ -199,52 +124,53 @@ TEST_F(Writing, AnimatedGifWritesEveryFrameAsEightBitWithTheFrameRate) {
     // A tiled source: the writer is given untiled scanlines.
     frames[1].buffer.specmod().tile_width = 4;
     frames[1].buffer.specmod().tile_height = 4;
-    ASSERT_TRUE(ip::writeAnimatedGif(frames, temp / "anim.gif", 12.5f));
-    EXPECT_TRUE(ip::writeAnimatedGif({}, temp / "empty.gif", 10.0f));
-    EXPECT_TRUE(log.records().empty());
-    // GIF stores a delay of 8 hundredths of a second: 100/8 frames per second; and reads RGBA.
-    EXPECT_EQ(subimages(temp / "anim.gif"), Strings(3, " 4 uint8 8x6 100/8"));
-
-    // A writer that takes one frame only: the refusal is left on the frame, unlogged.
-    EXPECT_FALSE(ip::writeAnimatedGif(frames, temp / "still.png", 10.0f));
-    EXPECT_TRUE(log.records().empty());
-    EXPECT_EQ(frames[1].buffer.geterror(), "png does not support subimages or MIP levels");
-    EXPECT_FALSE(frames[0].buffer.has_error() || frames[2].buffer.has_error());
-    EXPECT_EQ(subimages(temp / "still.png").size(), 1u);
-    // A larger frame would overrun OpenImageIO 2.4.7's GIF writer, a smaller one come out
-    // reshaped: refused unlogged, with the frames before it in the file and the reason on it.
+    row("3 frames", ip::writeAnimatedGif(frames, temp / "anim.gif", 12.5f));
+    row("  read back", readBack(temp / "anim.gif"));  // a delay of 8 hundredths: 100/8 fps
+    row("none", ip::writeAnimatedGif({}, temp / "empty.gif", 10.0f));
+    // The refusal of a writer is left on the frame, unlogged. A larger GIF frame would overrun
+    // OpenImageIO 2.4.7's GIF writer, a smaller one come out reshaped: refused too.
+    const auto frameErrors = [](const std::vector<ip::Image>& list) {
+        std::string errors;
+        for (const ip::Image& frame : list)
+            errors += "[" + frame.buffer.geterror() + "]";
+        return errors;
+    };
+    row("3 frames to a PNG", ip::writeAnimatedGif(frames, temp / "still.png", 10.0f));
+    row("  " + frameErrors(frames), readBack(temp / "still.png"));
     for (const auto& [width, height, index] : {std::tuple{65, 64, 1}, {256, 256, 2}, {64, 32, 1}}) {
         std::vector<ip::Image> sized(index + 2, makeGradient(64, 64, 3));
         sized[index] = makeGradient(width, height, 3);
-        EXPECT_FALSE(ip::writeAnimatedGif(sized, temp / "sized.gif", 10.0f));
-        EXPECT_TRUE(log.records().empty());
-        EXPECT_EQ(subimages(temp / "sized.gif").size(), size_t(index));
-        EXPECT_EQ(sized[index].buffer.geterror(),
-                  fmt::format("gif writer can't take a {}x{} frame after a 64x64 first frame",
-                              width, height));
-        EXPECT_FALSE(sized[index + 1].buffer.has_error());
+        row(fmt::format("{}x{} as frame {}", width, height, index),
+            ip::writeAnimatedGif(sized, temp / "sized.gif", 10.0f));
+        row("  " + frameErrors(sized), readBack(temp / "sized.gif"));
     }
     // The frame size guard is the GIF writer's only: others keep frames of different sizes.
-    ASSERT_TRUE(ip::writeAnimatedGif({tagged(""), tagged("", 3, OIIO::TypeFloat, 4, 3)},
-                                     temp / "pages.tif", 10.0f));
-    EXPECT_NE(subimages(temp / "pages.tif").at(1).find(" 4x3 "), std::string::npos);
+    row("8x6 and 4x3 to a TIFF",
+        ip::writeAnimatedGif({tagged(""), tagged("", 3, OIIO::TypeFloat, 4, 3)}, temp / "pages.tif",
+                             10.0f));
+    row("  read back", readBack(temp / "pages.tif"));
 }
 
 TEST_F(Writing, MetadataTravelsAsTypedValuesThroughAFile) {
+    const auto text = [](const ip::MetadataMap& map) {
+        std::string all;
+        for (const auto& [name, value] : std::map(map.begin(), map.end()))
+            std::visit([&, &name = name](const auto& v) { all += fmt::format("{}={} ", name, v); },
+                       value);
+        return all;
+    };
     ip::Image image = makeGradient(4, 3, 3);
-    // OpenEXR's reader states "Linear" whatever was written; it arrives as a string.
+    // OpenEXR's reader states "Linear" whatever was written.
     const ip::MetadataMap written{{"vorel:frame", 42},
                                   {"vorel:exposure", 1.5f},
                                   {"vorel:artist", "Ada"},
                                   {"oiio:ColorSpace", "Linear"}};
-    ASSERT_TRUE(ip::addMetadataToImage(image, written));
-    EXPECT_EQ(ip::getColorSpace(image), "Linear");  // without setColorSpace's warning
-    EXPECT_TRUE(log.records().empty());
+    row("added", ip::addMetadataToImage(image, written));
+    row("  tag", ip::getColorSpace(image));  // without setColorSpace's warning
     writeWithOIIO(image.buffer, temp / "meta.exr");
     const ip::MetadataMap read = ip::getMetadataFromImage(ip::readImage(temp / "meta.exr"));
     for (const auto& [name, value] : written)
         EXPECT_EQ(read.at(name), value) << name;
-    expectNoWarnings();
     // Arrays become vectors, other types an empty string; vectors don't go back.
     ip::Image other = makeGradient(2, 2, 1);
     const int triple[3] = {7, -8, 9};
@@ -255,12 +181,8 @@ TEST_F(Writing, MetadataTravelsAsTypedValuesThroughAFile) {
     spec.attribute("vorel:single", OIIO::TypeDesc(OIIO::TypeDesc::FLOAT, 1), &single);
     spec.attribute("vorel:ratio", OIIO::TypeDesc::DOUBLE, &ratio);
     const ip::MetadataMap metadata = ip::getMetadataFromImage(other);
-    expectOnly(warn, "Unsupported OIIO metadata value type");
-    EXPECT_EQ(metadata, (ip::MetadataMap{{"vorel:triple", std::vector<int>{7, -8, 9}},
-                                         {"vorel:single", std::vector<float>{0.25f}},
-                                         {"vorel:ratio", std::string()}}));
-    EXPECT_FALSE(ip::addMetadataToImage(other, metadata));
-    expectOnly(err, "Unsupported metadata value type");
+    row("arrays and a double", text(metadata));
+    row("  added back", ip::addMetadataToImage(other, metadata));
 }
 
 }  // namespace
