@@ -96,7 +96,7 @@ TEST_F(AssetImages, JpegWithinTwoOfOpenImageIOTiffAndUInt32OpenEXRAsTheHioHasThe
     expectOnly(spdlog::level::err, "Failed to open image " + tiff);
     write("uint.exr", 1, T::UINT32);
     EXPECT_EQ(open("uint.exr")->GetFormat(), PXR_NS::HioFormatInt32);
-    log.clear();
+    clearLog();
     EXPECT_FALSE(ip::getImageFromAssetPath(exr).buffer.initialized());
     expectOnly(spdlog::level::err, "Reading of image " + exr + " failed");
 #endif
@@ -110,7 +110,7 @@ TEST_F(AssetImages, HioGivesNullSilentlyTheAssetPathItsOneMessage) {
         EXPECT_FALSE(open(name)) << name;
     }
     EXPECT_FALSE(open("image.png", 1));  // subimage 1
-    EXPECT_TRUE(log.records().empty());
+    EXPECT_TRUE(records().empty());
     EXPECT_EQ(OIIO::geterror(true), "");  // nothing left behind for a later message
 
     const std::string missing = (temp / "missing.png").string();
@@ -120,7 +120,7 @@ TEST_F(AssetImages, HioGivesNullSilentlyTheAssetPathItsOneMessage) {
     const fs::path truncated = temp / "truncated.png";
     writeWithOIIO(makeGradient(64, 64, 3, T::UINT8).buffer, truncated);
     fs::resize_file(truncated, fs::file_size(truncated) / 2);
-    log.clear();
+    clearLog();
     EXPECT_FALSE(ip::getImageFromAssetPath(truncated.string()).buffer.initialized());
     expectOnly(spdlog::level::err, "Reading of image " + truncated.string() + " failed");
 }

@@ -36,7 +36,7 @@ ip::Image flatten(ip::Image image) {
     return image;
 }
 
-class Operations : public ReferenceTest {};
+class Operations : public LibraryTest {};
 
 TEST_F(Operations, EachFailureGivesTheEmptyImageAndItsOwnErrLine) {
     const ip::Image none, rgb = imageOf(2, 1, 3, Floats(6, 0.5f)), rgba = makeGradient(1, 1, 4);

@@ -48,16 +48,16 @@ fs::path exrClaiming(const fs::path& folder, int width, int height) {
     return folder / "claiming.exr";
 }
 
-class Reading : public ReferenceTest {
+class Reading : public LibraryTest {
 protected:
     /// No line when the call gave a result, else exactly one at `level` matching `pattern`.
     void expectWholeOrOneLine(bool gave, level_enum level, const std::string& pattern) {
-        const auto records = log.records();
-        log.clear();
-        ASSERT_EQ(records.size(), gave ? 0u : 1u) << records.at(0).message;
+        const auto logged = records();
+        clearLog();
+        ASSERT_EQ(logged.size(), gave ? 0u : 1u) << logged.at(0).message;
         if (!gave) {
-            EXPECT_EQ(records[0].level, level);
-            EXPECT_THAT(records[0].message, ContainsRegex(pattern));
+            EXPECT_EQ(logged[0].level, level);
+            EXPECT_THAT(logged[0].message, ContainsRegex(pattern));
         }
     }
 };
@@ -114,13 +114,13 @@ TEST_F(Reading, MissingAndCutFilesFailWithTheirOneLine) {
     row("cut", describe(ip::readImage(cut)));
     row("  its height", std::to_string(ip::getImageSpec(cut).height));
     ip::readImage(missing);
-    EXPECT_EQ(log.records().at(0).filename, "usd/image_processing/src/image_io.cpp");
-    log.clear();
+    EXPECT_EQ(records().at(0).filename, "usd/image_processing/src/image_io.cpp");
+    clearLog();
 }
 
 TEST_F(Reading, ClaimedSizesFailBeforeTheyAreAllocated) {
     // 262661 x 15105: 31.7 GB, under OpenImageIO's default limit of 32 GB.
-    const fs::path claiming = exrClaiming(temp.path(), 262661, 15105);
+    const fs::path claiming = exrClaiming(temp, 262661, 15105);
     row("claiming 31.7 GB: its width", std::to_string(ip::getImageSpec(claiming).width));
     {
         const ScopedLimit limit("limits:imagesize_MB", 1024);
@@ -137,7 +137,7 @@ TEST_F(Reading, ClaimedSizesFailBeforeTheyAreAllocated) {
 #if !defined(__SANITIZE_ADDRESS__)  // the sanitizer ends the process on a failed allocation
     // With no limit at all, 8 TB that OpenImageIO can't allocate: its own text.
     const ScopedLimit none("limits:imagesize_MB", 0);
-    EXPECT_FALSE(ip::readImage(exrClaiming(temp.path(), 1 << 26, 1 << 14)).buffer.initialized());
+    EXPECT_FALSE(ip::readImage(exrClaiming(temp, 1 << 26, 1 << 14)).buffer.initialized());
     expectOnly(warn, "Couldn't read image " + (temp / "claiming.exr").string() + ":\n",
                "ImageBuf unable to allocate 8796093022208 bytes");
 #endif
@@ -196,10 +196,10 @@ TEST_F(Reading, DamagedFilesGiveAWholeImageOrTheirOneLine) {
     for (const fs::path& path : files) {
         SCOPED_TRACE(path.filename().string());
         const std::string file = path.string();
-        log.clear();
+        clearLog();
         const ip::ImageSpec size = ip::getImageSpec(path);
         // Some readers open a damaged header as an image of no pixels, which is no failure.
-        const bool opened = log.records().empty() || size.width > 0 || size.height > 0;
+        const bool opened = records().empty() || size.width > 0 || size.height > 0;
         expectWholeOrOneLine(opened, err, "^Couldn't open image " + file + ":\n");
         const ip::Image image = ip::readImage(path);
         read += image.buffer.initialized();

@@ -1,10 +1,9 @@
 #pragma once
 
-// What every test file shares: a capture of spdlog's default logger, a temporary folder, a
-// host's limit for a scope, and small image builders.
+// What every test file shares: a fixture that captures spdlog's default logger into reference
+// rows or checks, a temporary folder, a host's limit for a scope, and small image builders.
 
 #include <algorithm>
-#include <atomic>
 #include <cmath>
 #include <filesystem>
 #include <fstream>
@@ -35,63 +34,24 @@ struct LogRecord {
     std::string message, funcname, filename;
 };
 
-/// Captures every line of spdlog's default logger at every level, swapped in as a host might.
-class LogCapture {
-    struct Sink final : spdlog::sinks::base_sink<std::mutex> {
-        std::vector<LogRecord> records;
-        void sink_it_(const spdlog::details::log_msg& m) override {
-            const auto text = [](const char* s) { return std::string(s ? s : ""); };
-            records.push_back({m.level, std::string(m.payload.begin(), m.payload.end()),
-                               text(m.source.funcname), text(m.source.filename)});
-        }
-        void flush_() override {}
-        std::vector<LogRecord> copy(level_enum atLeast, bool clear) {
-            const std::lock_guard<std::mutex> lock(mutex_);
-            std::vector<LogRecord> kept;
-            std::copy_if(records.begin(), records.end(), std::back_inserter(kept),
-                         [atLeast](const LogRecord& r) { return r.level >= atLeast; });
-            if (clear)
-                records.clear();
-            return kept;
-        }
-    };
-
-public:
-    LogCapture() : previous_(spdlog::default_logger()) {
-        auto logger = std::make_shared<spdlog::logger>("capture", sink_);
-        logger->set_level(spdlog::level::trace);
-        spdlog::set_default_logger(logger);
+/// Keeps every line of the logger it is given, at every level.
+struct LogSink final : spdlog::sinks::base_sink<std::mutex> {
+    std::vector<LogRecord> records;
+    void sink_it_(const spdlog::details::log_msg& m) override {
+        const auto text = [](const char* s) { return std::string(s ? s : ""); };
+        records.push_back({m.level, std::string(m.payload.begin(), m.payload.end()),
+                           text(m.source.funcname), text(m.source.filename)});
     }
-    ~LogCapture() { spdlog::set_default_logger(previous_); }
-    LogCapture(const LogCapture&) = delete;
-
-    std::vector<LogRecord> records(level_enum atLeast = spdlog::level::trace) {
-        return sink_->copy(atLeast, false);
+    void flush_() override {}
+    std::vector<LogRecord> copy(level_enum atLeast, bool clear) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        std::vector<LogRecord> kept;
+        std::copy_if(records.begin(), records.end(), std::back_inserter(kept),
+                     [atLeast](const LogRecord& r) { return r.level >= atLeast; });
+        if (clear)
+            records.clear();
+        return kept;
     }
-    void clear() { sink_->copy(spdlog::level::trace, true); }
-
-private:
-    std::shared_ptr<spdlog::logger> previous_;
-    std::shared_ptr<Sink> sink_ = std::make_shared<Sink>();
-};
-
-/// A fresh folder below the system temp folder, removed with everything in it at the end.
-class TempDir {
-public:
-    TempDir() { std::filesystem::create_directories(path_); }
-    ~TempDir() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    TempDir(const TempDir&) = delete;
-    const std::filesystem::path& path() const { return path_; }
-    std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
-
-private:
-    static inline std::atomic<unsigned> counter_{0};
-    const std::filesystem::path path_ =
-        std::filesystem::temp_directory_path() /
-        ("vorel_test_" + std::to_string(std::random_device()()) + "_" + std::to_string(counter_++));
 };
 
 /// Sets one of OpenImageIO's global limits as a host would, and puts the host's value back.
@@ -109,19 +69,34 @@ private:
     const int previous_;
 };
 
-/// Base fixture: a log capture and a temp folder.
+/// Base fixture: spdlog's default logger swapped for a capture, as a host might swap loggers,
+/// and a fresh temp folder, both undone at the end.
 class LibraryTest : public ::testing::Test {
 protected:
+    LibraryTest() {
+        spdlog::set_default_logger(std::make_shared<spdlog::logger>("capture", sink_));
+        spdlog::set_level(spdlog::level::trace);
+        std::filesystem::create_directories(temp);
+    }
+    ~LibraryTest() override {
+        spdlog::set_default_logger(previous_);
+        std::error_code ignored;
+        std::filesystem::remove_all(temp, ignored);
+    }
+    std::vector<LogRecord> records(level_enum atLeast = spdlog::level::trace) {
+        return sink_->copy(atLeast, false);
+    }
+    void clearLog() { sink_->copy(spdlog::level::trace, true); }
+
     /// Exactly one line at `level` (and none other at warn or above), from the library: `text`
     /// itself or, when `text` ends in a line break, `text` and then OpenImageIO's reason, which
     /// holds `reason`. Clears the capture.
     void expectOnly(level_enum level, const std::string& text, const std::string& reason = "") {
-        const auto records = log.records(std::min(level, spdlog::level::warn));
-        log.clear();
-        ASSERT_EQ(records.size(), 1u) << text;
-        const std::string& line = records[0].message;
-        EXPECT_EQ(records[0].level, level) << line;
-        EXPECT_EQ(records[0].funcname, "vorel_usd_image_processing");
+        const auto found = sink_->copy(std::min(level, spdlog::level::warn), true);
+        ASSERT_EQ(found.size(), 1u) << text;
+        const std::string& line = found[0].message;
+        EXPECT_EQ(found[0].level, level) << line;
+        EXPECT_EQ(found[0].funcname, "vorel_usd_image_processing");
         if (text.empty() || text.back() != '\n') {
             EXPECT_EQ(line, text);
             return;
@@ -131,12 +106,48 @@ protected:
         EXPECT_NE(line.find(reason, text.size()), std::string::npos) << line;
     }
     void expectNoWarnings() {
-        for (const auto& record : log.records(spdlog::level::warn))
+        for (const auto& record : records(spdlog::level::warn))
             ADD_FAILURE() << "unexpected message: " << record.message;
     }
 
-    LogCapture log;
-    TempDir temp;
+    /// A test as OpenImageIO writes its own: rows of calls, each printed as a label, what it
+    /// gave and every line it logged, compared at the end with tests/ref/<test name>.txt. A
+    /// change is a diff to read; VOREL_UPDATE_REFS=1 writes the new text there instead.
+    void row(const std::string& label, const std::string& result) {
+        out_ += label + " -> " + result + "\n";
+        for (const LogRecord& record : sink_->copy(spdlog::level::trace, true)) {
+            // Where the temp folder is and how long a write took vary from run to run.
+            const std::string stable = std::regex_replace(
+                std::regex_replace(record.message, std::regex(temp.string()), "TMP"),
+                std::regex("took: [0-9.e+-]+ms"), "took: ...ms");
+            out_ += fmt::format("  {}: {}\n", spdlog::level::to_string_view(record.level), stable);
+            EXPECT_EQ(record.funcname, "vorel_usd_image_processing") << record.message;
+        }
+    }
+    void row(const std::string& label, bool result) {
+        row(label, std::string(result ? "true" : "false"));
+    }
+    void TearDown() override {
+        const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
+        const auto file =
+            std::filesystem::path(VOREL_TEST_REFS) / (test->name() + std::string(".txt"));
+        if (out_.empty())
+            return;
+        if (std::getenv("VOREL_UPDATE_REFS") != nullptr) {
+            std::ofstream(file) << out_;
+            return;
+        }
+        std::ifstream in(file);
+        EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), out_) << file;
+    }
+
+    const std::shared_ptr<LogSink> sink_ = std::make_shared<LogSink>();
+    const std::shared_ptr<spdlog::logger> previous_ = spdlog::default_logger();
+    const std::filesystem::path temp = std::filesystem::temp_directory_path() /
+                                       ("vorel_test_" + std::to_string(std::random_device()()));
+
+private:
+    std::string out_;
 };
 
 /// width x height pixels of `channels` channels of `format`: sample (x, y, c) is n = (x + width *
@@ -222,43 +233,5 @@ inline std::string describe(const ip::Image& image) {
         text += fmt::format(" {}={}", name, value);
     return text;
 }
-
-/// A test as OpenImageIO writes its own: rows of calls, each printed as a label, what it gave
-/// and every line it logged, compared at the end with tests/ref/<test name>.txt. A change is a
-/// diff to read; VOREL_UPDATE_REFS=1 writes the new text there instead.
-class ReferenceTest : public LibraryTest {
-protected:
-    void row(const std::string& label, const std::string& result) {
-        out_ += label + " -> " + result + "\n";
-        for (const LogRecord& record : log.records()) {
-            // Where the temp folder is and how long a write took vary from run to run.
-            const std::string stable = std::regex_replace(
-                std::regex_replace(record.message, std::regex(temp.path().string()), "TMP"),
-                std::regex("took: [0-9.e+-]+ms"), "took: ...ms");
-            out_ += fmt::format("  {}: {}\n", spdlog::level::to_string_view(record.level), stable);
-            EXPECT_EQ(record.funcname, "vorel_usd_image_processing") << record.message;
-        }
-        log.clear();
-    }
-    void row(const std::string& label, bool result) {
-        row(label, std::string(result ? "true" : "false"));
-    }
-    void TearDown() override {
-        if (out_.empty())
-            return;
-        const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
-        const auto file =
-            std::filesystem::path(VOREL_TEST_REFS) / (test->name() + std::string(".txt"));
-        if (std::getenv("VOREL_UPDATE_REFS") != nullptr) {
-            std::ofstream(file) << out_;
-            return;
-        }
-        std::ifstream in(file);
-        EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), out_) << file;
-    }
-
-private:
-    std::string out_;
-};
 
 }  // namespace vorel::test

@@ -49,7 +49,7 @@ std::string readBack(const fs::path& file) {
     return fmt::format("{}", fmt::join(subimages(file), "; "));
 }
 
-class Writing : public ReferenceTest {};
+class Writing : public LibraryTest {};
 
 TEST_F(Writing, ColourPolicyConvertsForTheExtensionAndTheWriterOnlyReportsMismatches) {
     // Converted for the extension, written converted and written as it was: strict extensions
