@@ -151,9 +151,10 @@ TEST_F(Reading, CreateImageFromDataCopiesOrFailsWithItsLine) {
     // The whole text of each failure: our reason, then set_pixels's on a buffer without memory
     // (OpenImageIO 2.4 would crash on a null source: not called).
     const ScopedLimit limit("limits:imagesize_MB", 1024), channels("limits:channels", 16);
-    const auto create = [&data](bool null, int width, int height, int channels, T format) {
-        return describe(
-            ip::createImageFromData(null ? nullptr : data.data(), width, height, channels, format));
+    std::vector<float> source(16, 0.5f);
+    const auto create = [&source](bool null, int width, int height, int channels, T format) {
+        return describe(ip::createImageFromData(null ? nullptr : source.data(), width, height,
+                                                channels, format));
     };
     row("null", create(true, 4, 4, 3, T::FLOAT));
     row("null of 0x0", create(true, 0, 0, 3, T::FLOAT));
@@ -161,6 +162,7 @@ TEST_F(Reading, CreateImageFromDataCopiesOrFailsWithItsLine) {
     row("2 GB", create(false, 65536, 32768, 1, T::UINT8));
     row("2^62 pixels of 16 floats", create(false, 2147483647, 2147483647, 16, T::FLOAT));
     row("negative width", create(false, -4, 4, 1, T::FLOAT));
+    row("16 channels", create(false, 1, 1, 16, T::FLOAT));
     row("17 channels", create(false, 1, 1, 17, T::FLOAT));
 }
 
