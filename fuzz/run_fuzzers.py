@@ -1,13 +1,11 @@
 #!/usr/bin/env python3
 """Runs the fuzz targets for a bounded time and sorts what they find.
 
-OpenImageIO 2.4.7's readers crash on some files by themselves (RLA's channel-type assertion, GIF's
-std::length_error through a noexcept function, IFF and HEIF overruns), and ImageInput::open tries
-every reader on a file the named one refuses; no call of ours can avoid them. So each target runs
-in libFuzzer's fork mode, which goes on after a crash, and every input it kept is run again alone:
-it is ours when the innermost frame of code past the runtimes is in this project, or when a single
-huge allocation was made for an ImageBuf's pixels (whose sizes the library checks); anything else is
-a dependency's, reported and kept out of the verdict. Exits with 1 when any input is ours.
+Some files crash OpenImageIO 2.4.7's readers by themselves (RLA's assertion, GIF's length_error),
+whatever the caller does. So each target runs in libFuzzer's fork mode, which goes on after a
+crash, and every input it kept is run again alone: it is ours when the innermost frame past the
+runtimes is in this project or a huge allocation was made for an ImageBuf's pixels (whose sizes
+the library checks), else a dependency's, reported only. Exits with 1 when any input is ours.
 """
 
 import argparse
@@ -27,19 +25,17 @@ FRAME = re.compile(r"^\s*#\d+ 0x[0-9a-f]+ in (.*)$")
 
 
 def make_seeds(seeds: pathlib.Path) -> None:
-    """A small valid file of each extension the target picks from, written by oiiotool, behind
-    the byte that picks it."""
+    """A small file of each extension the target picks from, by oiiotool, behind its byte."""
     source = (pathlib.Path(__file__).parent / "fuzz_read.cpp").read_text()
     listed = re.search(r"kExtensions\[\] = \{([^}]*)\}", source).group(1)
     shutil.rmtree(seeds, ignore_errors=True)
     seeds.mkdir(parents=True)
     for index, extension in enumerate(re.findall(r'"([^"]+)"', listed)):
-        channels = "1" if extension == ".fits" else "3"
-        fill = "fill:top=0.1:bottom=0.9" if channels == "1" else \
-            "fill:top=0.1,0.5,0.9:bottom=0.9,0.2,0.1"
+        grey = extension == ".fits"
+        fill = "fill:top=0.1:bottom=0.9" if grey else "fill:top=0.1,0.5,0.9:bottom=0.9,0.2,0.1"
         valid = seeds / f"valid{extension}"
-        made = subprocess.run(["oiiotool", "--pattern", fill, "64x4", channels, "-o", str(valid)],
-                              capture_output=True, check=False)
+        made = subprocess.run(["oiiotool", "--pattern", fill, "64x4", "1" if grey else "3", "-o",
+                               str(valid)], capture_output=True, check=False)
         if made.returncode == 0 and valid.exists():  # OpenImageIO writes no PSD or PIC
             (seeds / f"seed{extension}").write_bytes(bytes([index]) + valid.read_bytes())
         valid.unlink(missing_ok=True)
@@ -48,8 +44,8 @@ def make_seeds(seeds: pathlib.Path) -> None:
 def run_target(binary: pathlib.Path, seeds: pathlib.Path, work: pathlib.Path, seconds: int):
     corpus, artifacts = work / "corpus", work / "artifacts"
     shutil.rmtree(work, ignore_errors=True)
-    corpus.mkdir(parents=True)
-    artifacts.mkdir()
+    for folder in (corpus, artifacts):
+        folder.mkdir(parents=True)
     subprocess.run(
         [str(binary), "-fork=1", "-ignore_crashes=1", "-ignore_ooms=1", "-ignore_timeouts=1",
          f"-max_total_time={seconds}", "-timeout=10", "-rss_limit_mb=2560",
