@@ -151,24 +151,18 @@ private:
 };
 
 /// width x height pixels of `channels` channels of `format`: sample (x, y, c) is n = (x + width *
-/// y) * channels + c + 1, times `scale` for floating-point types and modulo the type's range for
-/// integer ones (given as normalised floats that land on exact codes), so neighbours differ.
+/// y) * channels + c + 1 (n counts the samples from 1), times `scale` for floating-point types and
+/// modulo the type's range for integer ones (given as normalised floats that land on exact codes),
+/// so neighbours differ.
 inline ip::Image makeGradient(int width, int height, int channels,
                               OIIO::TypeDesc format = OIIO::TypeDesc::FLOAT, float scale = 0.001f) {
     ip::Image image;
     image.buffer.reset(OIIO::ImageSpec(width, height, channels, format));
     const double range = format.is_floating_point() ? 0.0 : std::pow(2.0, 8.0 * format.size());
-    std::vector<float> pixel(channels);
-    for (int y = 0; y < height; ++y) {
-        for (int x = 0; x < width; ++x) {
-            for (int c = 0; c < channels; ++c) {
-                const double n = (x + width * y) * channels + c + 1;
-                pixel[c] =
-                    range == 0.0 ? float(n * scale) : float(std::fmod(n, range) / (range - 1));
-            }
-            image.buffer.setpixel(x, y, pixel.data(), channels);
-        }
-    }
+    std::vector<float> samples(size_t(width) * height * channels);
+    for (size_t n = 1; n <= samples.size(); ++n)
+        samples[n - 1] = range == 0.0 ? float(n * scale) : float(std::fmod(n, range) / (range - 1));
+    image.buffer.set_pixels(image.buffer.roi(), OIIO::TypeDesc::FLOAT, samples.data());
     return image;
 }
 
