@@ -5,7 +5,6 @@
 
 #include "test_support.h"
 
-namespace ip = vorel::usd::image_processing;
 using namespace vorel::test;
 
 namespace {
@@ -13,25 +12,27 @@ namespace {
 class Concurrency : public LibraryTest {};
 
 TEST_F(Concurrency, EightThreadsMatchOneThread) {
-    ip::Image shared = makeGradient(64, 48, 4, OIIO::TypeDesc::FLOAT, 0.0003f);
+    ip::Image shared = makeGradient(64, 48, 4, T::FLOAT, 0.0003f);
     ip::setColorSpace(shared, "linear");
     ASSERT_TRUE(ip::writeImage(shared, temp / "source.exr", -1));
+    // Each result of the road in a line: its description and how many metadata it carries.
     const auto work = [&, &shared = std::as_const(shared)](const std::string& name) {
         ip::Image tagged = ip::resize(shared, OIIO::ROI(0, 32, 0, 24));
         ip::addMetadataToImage(tagged, {{"job", 7}, {"name", "shared"}});
         const ip::Image converted = ip::colorConvert(shared, "linear", "sRGB"),
                         inverted = ip::invertChannel(shared, "B");
         ip::writeImage(converted, temp / name, 6);
-        return std::vector{ip::readImage(temp / "source.exr"),
-                           tagged,
-                           converted,
-                           inverted,
-                           ip::normalize(shared, 0, 1),
-                           ip::over(shared, inverted),
-                           ip::readImage(temp / name)};
+        std::string lines;
+        for (const ip::Image& image :
+             {ip::readImage(temp / "source.exr"), tagged, converted, inverted,
+              ip::normalize(shared, 0, 1), ip::over(shared, inverted), ip::readImage(temp / name)})
+            lines +=
+                fmt::format("{} {}\n", describe(image), ip::getMetadataFromImage(image).size());
+        return lines;
     };
-    const std::vector<ip::Image> reference = work("reference.png");
-    std::vector<std::vector<ip::Image>> outcomes(8 * 4);
+    const std::string reference = work("reference.png");
+    ASSERT_EQ(reference.find("empty"), std::string::npos) << reference;
+    std::vector<std::string> outcomes(8 * 4);
     std::vector<std::thread> threads;
     for (int t = 0; t < 8; ++t) {
         threads.emplace_back([&, t] {
@@ -41,11 +42,8 @@ TEST_F(Concurrency, EightThreadsMatchOneThread) {
     }
     for (std::thread& thread : threads)
         thread.join();
-    for (size_t i = 0; i < reference.size(); ++i) {
-        ASSERT_TRUE(reference[i].buffer.initialized()) << i;
-        for (const std::vector<ip::Image>& outcome : outcomes)
-            EXPECT_TRUE(sameImage(outcome[i].buffer, reference[i].buffer)) << i;
-    }
+    for (const std::string& outcome : outcomes)
+        EXPECT_EQ(outcome, reference);
     expectNoWarnings();
 }
 

@@ -11,23 +11,10 @@
 
 #include "test_support.h"
 
-namespace fs = std::filesystem;
-namespace ip = vorel::usd::image_processing;
 using namespace vorel::test;
-using spdlog::level::err;
-using spdlog::level::warn;
-using T = OIIO::TypeDesc;
 using namespace ::testing;
 
 namespace {
-
-/// One whole-image read_image into an uninitialised buffer of the file's spec.
-OIIO::ImageBuf readWhole(const std::string& file) {
-    auto in = OIIO::ImageInput::open(file);
-    OIIO::ImageBuf buffer(in->spec(), OIIO::InitializePixels::No);
-    in->read_image(0, 0, 0, in->spec().nchannels, in->spec().format, buffer.localpixels());
-    return buffer;
-}
 
 /// An uncompressed 67 x 37 OpenEXR file whose header then claims `width` x `height` pixels of
 /// four half channels, with an offset table grown to match so that OpenEXR opens it.
@@ -63,13 +50,10 @@ protected:
 };
 
 TEST_F(Reading, EveryLayoutReadsAsOneWholeReadInTheFilesOwnType) {
-    const struct {
-        const char* name;
-        T format;
-        int tile, rowsPerStrip;  // 0: scanlines; TIFF only
-        const char* compression;
-        int x, y;  // origin of the data window (OpenEXR keeps it)
-    } cases[] = {
+    // 301 rows: several bands, and a multiple of no band, tile or strip. The digests are those of
+    // one whole-image read_image of each file, checked once.
+    const std::tuple<const char*, T::BASETYPE, int, int, const char*, int, int> cases[] = {
+        // name, type, tile size (0: scanlines), TIFF rows per strip, compression, origin
         {"strips.tif", T::UINT16, 0, 7, "zip", 0, 0},
         {"one-strip.tif", T::UINT8, 0, 1000, "lzw", 0, 0},
         {"tiles.tif", T::FLOAT, 16, 0, "zip", 0, 0},
@@ -77,30 +61,24 @@ TEST_F(Reading, EveryLayoutReadsAsOneWholeReadInTheFilesOwnType) {
         {"dwab.exr", T::FLOAT, 0, 0, "dwab", 0, 0},
         {"tiles.exr", T::FLOAT, 32, 0, "piz", -3, 4},
         {"rows.png", T::UINT16, 0, 0, "", 0, 0},
-        {"rows.jpg", T::UINT8, 0, 0, "", 0, 0},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);  // 301 rows: several bands, and a multiple of no band, tile or strip
-        ip::Image source = makeGradient(83, 301, 3, c.format);
-        source.buffer.set_origin(c.x, c.y);
+        {"rows.jpg", T::UINT8, 0, 0, "", 0, 0}};
+    for (const auto& [name, format, tile, rowsPerStrip, compression, x, y] : cases) {
+        ip::Image source = makeGradient(83, 301, 3, format);
+        source.buffer.set_origin(x, y);
         OIIO::ImageSpec spec = source.buffer.spec();
-        spec.tile_width = spec.tile_height = c.tile;
-        if (c.rowsPerStrip > 0)
-            spec.attribute("tiff:RowsPerStrip", c.rowsPerStrip);
-        if (*c.compression)
-            spec.attribute("compression", c.compression);
-        const std::string file = (temp / c.name).string();
+        spec.tile_width = spec.tile_height = tile;
+        if (rowsPerStrip > 0)
+            spec.attribute("tiff:RowsPerStrip", rowsPerStrip);
+        if (*compression)
+            spec.attribute("compression", compression);
+        const std::string file = (temp / name).string();
         auto out = OIIO::ImageOutput::create(file);
         ASSERT_TRUE(out && out->open(file, spec) && source.buffer.write(out.get()) && out->close());
-
         const ip::Image read = ip::readImage(file);
-        EXPECT_TRUE(sameImage(read.buffer, readWhole(file)));  // its own type, window and all
         EXPECT_EQ(read.buffer.storage(), OIIO::ImageBuf::LOCALBUFFER);
         const ip::ImageSpec size = ip::getImageSpec(file);
-        EXPECT_EQ(std::pair(size.width, size.height), std::pair(83, 301));
+        row(fmt::format("{} of {}x{}", name, size.width, size.height), describe(read));
     }
-    EXPECT_EQ(ip::getColorSpace(ip::readImage(temp / "zip.exr")), "Linear");  // the reader's tag
-    expectNoWarnings();
 }
 
 TEST_F(Reading, MissingAndCutFilesFailWithTheirOneLine) {

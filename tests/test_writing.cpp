@@ -11,15 +11,8 @@
 
 #include "test_support.h"
 
-namespace fs = std::filesystem;
-namespace ip = vorel::usd::image_processing;
 using namespace vorel::test;
-using spdlog::level::debug;
-using spdlog::level::err;
-using spdlog::level::warn;
-using Messages = std::vector<std::pair<spdlog::level::level_enum, std::string>>;
 using Strings = std::vector<std::string>;
-using ::testing::MatchesRegex;
 
 namespace {
 
