@@ -2,7 +2,6 @@
 // lines, sizes that a header or a caller claims, and the list of extensions.
 
 #include <algorithm>
-#include <cstring>
 #include <fstream>
 #include <map>
 
@@ -15,25 +14,6 @@ using namespace vorel::test;
 using namespace ::testing;
 
 namespace {
-
-/// An uncompressed 67 x 37 OpenEXR file whose header then claims `width` x `height` pixels of
-/// four half channels, with an offset table grown to match so that OpenEXR opens it.
-fs::path exrClaiming(const fs::path& folder, int width, int height) {
-    OIIO::ImageSpec spec(67, 37, 4, T::HALF);
-    spec.attribute("compression", "none");
-    writeWithOIIO(OIIO::ImageBuf(spec), folder / "valid.exr");
-    std::ifstream in(folder / "valid.exr", std::ios::binary);
-    std::string bytes{std::istreambuf_iterator<char>(in), {}};
-    // dataWindow: xmin, ymin, xmax, ymax after the name, the type name and the size.
-    const std::string key("dataWindow\0box2i\0", 17);
-    const std::int32_t last[] = {width - 1, height - 1};
-    std::memcpy(&bytes[bytes.find(key) + key.size() + 4 + 8], last, sizeof last);
-    // 37 chunks of y, size and a row of 67 x 4 halves follow the table of 37 offsets.
-    const size_t tableEnd = bytes.size() - 37 * (4 + 4 + 67 * 8);
-    bytes.insert(tableEnd, std::string(size_t(height - 37) * 8, '\0'));
-    std::ofstream(folder / "claiming.exr", std::ios::binary).write(bytes.data(), bytes.size());
-    return folder / "claiming.exr";
-}
 
 class Reading : public LibraryTest {
 protected:
@@ -97,8 +77,10 @@ TEST_F(Reading, MissingAndCutFilesFailWithTheirOneLine) {
 }
 
 TEST_F(Reading, ClaimedSizesFailBeforeTheyAreAllocated) {
-    // 262661 x 15105: 31.7 GB, under OpenImageIO's default limit of 32 GB.
-    const fs::path claiming = exrClaiming(temp, 262661, 15105);
+    // Uncompressed 67 x 37 OpenEXR files whose headers claim more, with offset tables to match.
+    // 262661 x 15105 of four halves: 31.7 GB, under OpenImageIO's default limit of 32 GB.
+    const fs::path files = VOREL_TEST_FILES, claiming = temp / "claiming.exr";
+    fs::copy_file(files / "claims-262661x15105.exr", claiming);
     row("claiming 31.7 GB: its width", std::to_string(ip::getImageSpec(claiming).width));
     {
         const ScopedLimit limit("limits:imagesize_MB", 1024);
@@ -115,8 +97,9 @@ TEST_F(Reading, ClaimedSizesFailBeforeTheyAreAllocated) {
 #if !defined(__SANITIZE_ADDRESS__)  // the sanitizer ends the process on a failed allocation
     // With no limit at all, 8 TB that OpenImageIO can't allocate: its own text.
     const ScopedLimit none("limits:imagesize_MB", 0);
-    EXPECT_FALSE(ip::readImage(exrClaiming(temp, 1 << 26, 1 << 14)).buffer.initialized());
-    expectOnly(warn, "Couldn't read image " + (temp / "claiming.exr").string() + ":\n",
+    const fs::path huge = files / "claims-67108864x16384.exr";
+    EXPECT_FALSE(ip::readImage(huge).buffer.initialized());
+    expectOnly(warn, "Couldn't read image " + huge.string() + ":\n",
                "ImageBuf unable to allocate 8796093022208 bytes");
 #endif
 }

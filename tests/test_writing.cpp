@@ -12,13 +12,12 @@
 #include "test_support.h"
 
 using namespace vorel::test;
-using Strings = std::vector<std::string>;
 
 namespace {
 
 /// Every subimage of `file` as an independent reader sees it: "name channels format WxH fps".
-Strings subimages(const fs::path& file) {
-    Strings found;
+std::string readBack(const fs::path& file) {
+    std::vector<std::string> found;
     const auto in = OIIO::ImageInput::open(file.string());
     for (int i = 0; in && in->seek_subimage(i, 0); ++i) {
         const OIIO::ImageSpec& spec = in->spec();
@@ -28,7 +27,7 @@ Strings subimages(const fs::path& file) {
                                     spec.get_string_attribute("oiio:subimagename"), spec.nchannels,
                                     spec.format.c_str(), spec.width, spec.height, fps[0], fps[1]));
     }
-    return found;
+    return fmt::format("{}", fmt::join(found, "; "));
 }
 
 ip::Image tagged(const std::string& colorSpace, int channels = 3,
@@ -36,10 +35,6 @@ ip::Image tagged(const std::string& colorSpace, int channels = 3,
     ip::Image image = makeGradient(width, height, channels, format);
     image.buffer.specmod().attribute("oiio:ColorSpace", colorSpace);
     return image;
-}
-
-std::string readBack(const fs::path& file) {
-    return fmt::format("{}", fmt::join(subimages(file), "; "));
 }
 
 class Writing : public LibraryTest {};
