@@ -2,10 +2,6 @@
 // getImageFromAssetPath over it, and the Hgi format vocabulary. What only the stand-in does (its
 // TIFF reader, UINT32 OpenEXR pixels) is tested only in builds with VOREL_TEST_STAND_IN.
 
-#include <algorithm>
-#include <cstdlib>
-#include <tuple>
-
 #include <pxr/imaging/hio/image.h>
 
 #include "test_support.h"
@@ -108,16 +104,12 @@ TEST_F(AssetImages, HioGivesNullSilentlyTheAssetPathItsOneMessage) {
     EXPECT_TRUE(records().empty());
     EXPECT_EQ(OIIO::geterror(true), "");  // nothing left behind for a later message
 
-    const std::string missing = (temp / "missing.png").string();
-    EXPECT_FALSE(ip::getImageFromAssetPath(missing).buffer.initialized());
-    expectOnly(err, "Failed to open image " + missing);
     // Hio opens the header of a cut-off file and fails when decoding it.
     const fs::path truncated = temp / "truncated.png";
     writeWithOIIO(makeGradient(64, 64, 3, T::UINT8).buffer, truncated);
     fs::resize_file(truncated, fs::file_size(truncated) / 2);
-    clearLog();
-    EXPECT_FALSE(ip::getImageFromAssetPath(truncated.string()).buffer.initialized());
-    expectOnly(err, "Reading of image " + truncated.string() + " failed");
+    for (const char* name : {"missing.png", "truncated.png"})
+        row(name, describe(ip::getImageFromAssetPath((temp / name).string())));
 }
 
 TEST_F(AssetImages, HgiFormatsTranslateValueByValue) {

@@ -1,8 +1,6 @@
 // A mixed workload on 8 threads, all reading one shared const Image at once, gives exactly what
 // the same work gives on one thread (and gives ThreadSanitizer something to look at).
 
-#include <thread>
-
 #include "test_support.h"
 
 using namespace vorel::test;

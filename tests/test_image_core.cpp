@@ -1,8 +1,5 @@
 // The Image value, the colour-space tag, pixel access, the Timer and the base helpers.
 
-#include <thread>
-#include <tuple>
-
 #include <vorel/base/path_utils.h>
 #include <vorel/base/str_utils.h>
 #include <vorel/base/timing.h>

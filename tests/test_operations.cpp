@@ -1,11 +1,6 @@
 // Whole-image operations, normalize and the ID images: values on small images, and for every
 // failure the empty Image (or false) with its one log line.
 
-#include <cstdint>
-
-#include <fmt/format.h>
-#include <gmock/gmock.h>
-
 #include "test_support.h"
 
 using namespace vorel::test;

@@ -5,13 +5,19 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <random>
 #include <regex>
 #include <string>
+#include <thread>
+#include <tuple>
+#include <variant>
 #include <vector>
 
 #include <OpenImageIO/imagebufalgo.h>

@@ -1,14 +1,6 @@
 // The colour policy by extension and the three writers, proven on real files read back through
 // OpenImageIO's ImageInput, and the calls that would take OpenImageIO 2.4.7's writers down.
 
-#include <map>
-#include <tuple>
-#include <variant>
-
-#include <OpenImageIO/imagebufalgo.h>
-#include <fmt/format.h>
-#include <gmock/gmock.h>
-
 #include "test_support.h"
 
 using namespace vorel::test;
