@@ -179,6 +179,14 @@ std::string samplesOf(const OIIO::ImageBuf& buffer) {
     return fmt::format(std::is_integral_v<V> ? "{}" : "{:.9g}", fmt::join(values, " "));
 }
 
+/// FNV-1a of `bytes`: exact pixels in a short text.
+inline std::string digestOf(const std::vector<unsigned char>& bytes) {
+    std::uint64_t digest = 14695981039346656037ull;
+    for (const unsigned char byte : bytes)
+        digest = (digest ^ byte) * 1099511628211ull;
+    return fmt::format("{:016x}", digest);
+}
+
 /// An Image in one line: "empty", or size, origin, type, channel names, colour-space tag and
 /// scalar samples (up to 96 of them, else their bytes' FNV-1a digest: exact either way), then
 /// its properties.
@@ -192,13 +200,10 @@ inline std::string describe(const ip::Image& image) {
         const size_t samples = spec.image_pixels() * spec.nchannels;
         std::vector<unsigned char> bytes(spec.image_bytes());
         b.get_pixels(b.roi(), spec.format, bytes.data());
-        std::uint64_t digest = 14695981039346656037ull;
-        for (const unsigned char byte : bytes)
-            digest = (digest ^ byte) * 1099511628211ull;
         using B = T;
         const auto base = B::BASETYPE(spec.format.basetype);
         text += spec.format.basevalues() != 1 ? std::string("...")
-                : samples > 96      ? fmt::format("{} samples, digest {:016x}", samples, digest)
+                : samples > 96      ? fmt::format("{} samples, digest {}", samples, digestOf(bytes))
                 : base == B::UINT8  ? samplesOf<std::uint8_t>(b)
                 : base == B::UINT16 ? samplesOf<std::uint16_t>(b)
                 : base == B::UINT32 ? samplesOf<std::uint32_t>(b)

@@ -7,7 +7,8 @@ using namespace vorel::test;
 
 namespace {
 
-/// Every subimage of `file` as an independent reader sees it: "name channels format WxH fps".
+/// Every subimage of `file` as an independent reader sees it: "name channels format WxH fps" and
+/// the digest of its pixels in the file's own type.
 std::string readBack(const fs::path& file) {
     std::vector<std::string> found;
     const auto in = OIIO::ImageInput::open(file.string());
@@ -15,9 +16,12 @@ std::string readBack(const fs::path& file) {
         const OIIO::ImageSpec& spec = in->spec();
         int fps[2] = {0, 0};
         spec.getattribute("FramesPerSecond", OIIO::TypeRational, fps);
-        found.push_back(fmt::format("{} {} {} {}x{} {}/{}",
+        std::vector<unsigned char> pixels(spec.image_bytes());
+        in->read_image(i, 0, 0, spec.nchannels, spec.format, pixels.data());
+        found.push_back(fmt::format("{} {} {} {}x{} {}/{} {}",
                                     spec.get_string_attribute("oiio:subimagename"), spec.nchannels,
-                                    spec.format.c_str(), spec.width, spec.height, fps[0], fps[1]));
+                                    spec.format.c_str(), spec.width, spec.height, fps[0], fps[1],
+                                    digestOf(pixels)));
     }
     return fmt::format("{}", fmt::join(found, "; "));
 }
@@ -33,7 +37,8 @@ class Writing : public LibraryTest {};
 
 TEST_F(Writing, ColourPolicyConvertsForTheExtensionAndTheWriterOnlyReportsMismatches) {
     // Converted for the extension, written converted and written as it was: strict extensions
-    // report a mismatch and write all the same, lenient ones never report.
+    // report a mismatch and write all the same, lenient ones never report. Float samples reach
+    // OpenEXR exactly: a.exr reads back with the digest of the unconverted gradient.
     const std::pair<const char*, const char*> cases[] = {
         {"a.JPEG", "linear"}, {"a.b.Gif", "srgb"}, {"a.Bmp", "linear"}, {"a.WEBP", "linear"},
         {"a.EXR", "Rec709"},  {"a.exr", "linear"}, {"a.Tiff", "sRGB"},  {"a.tif", "srgb"},
@@ -48,9 +53,6 @@ TEST_F(Writing, ColourPolicyConvertsForTheExtensionAndTheWriterOnlyReportsMismat
         row("  written as it was", ip::writeImage(tagged(from), temp / file));
         row("  read back", readBack(temp / file));
     }
-    // Float samples reach OpenEXR exactly.
-    const OIIO::ImageBuf exr((temp / "a.exr").string());
-    EXPECT_EQ(OIIO::ImageBufAlgo::compare(exr, tagged("").buffer, 0, 0).nfail, 0u);
 }
 
 TEST_F(Writing, ThePngLevelAndTheFailuresOfAWrite) {
@@ -70,12 +72,8 @@ TEST_F(Writing, MultiPartExrKeepsEachPartsChannelsTypeAndName) {
                                         tagged("sRGB", 4, OIIO::TypeDesc::UINT8)};
     const fs::path file = temp / "layers.exr";
     row("3 parts", ip::writeMultiPartEXR({"beauty", "depth", "mask"}, images, file));
-    row("  read back", readBack(file));  // OpenEXR keeps 8 bits as half
-    // The samples as they were, half and float; reading takes the first part only.
-    const OIIO::ImageBuf parts[] = {ip::readImage(file).buffer,
-                                    OIIO::ImageBuf(file.string(), 1, 0)};
-    for (int part : {0, 1})
-        EXPECT_EQ(OIIO::ImageBufAlgo::compare(parts[part], images[part].buffer, 0, 0).nfail, 0u);
+    // The half and float parts read back with their sources' digests; 8 bits come back as half.
+    row("  read back", readBack(file));
     // A writer's text is taken back off the image it went through. OpenEXR and GIF refuse an
     // empty declaration themselves; the others would crash OpenImageIO 2.4.7 and are refused
     // beforehand.
