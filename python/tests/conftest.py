@@ -5,8 +5,6 @@ import tempfile
 import numpy as np
 import pytest
 
-import vorel_usd_image_processing as vip
-
 LOGGER = "vorel_usd_image_processing"
 
 
@@ -19,7 +17,6 @@ def tmp_path():
 
 @pytest.fixture
 def log(caplog):
-    """The library's records, all levels, captured through Python's logging."""
     caplog.set_level(logging.DEBUG, logger=LOGGER)
     return caplog
 
@@ -27,6 +24,4 @@ def log(caplog):
 def gradient(height=4, width=5, channels=3, dtype=np.float32):
     """Every sample differs: (y * width + x) * channels + c, scaled into 0..1 for floats."""
     values = np.arange(height * width * channels).reshape(height, width, channels)
-    if np.issubdtype(dtype, np.floating):
-        return (values / values.size).astype(dtype)
-    return values.astype(dtype)
+    return (values / values.size if np.issubdtype(dtype, np.floating) else values).astype(dtype)

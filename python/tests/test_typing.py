@@ -20,10 +20,9 @@ vip.writeImage(vip.readImage("a.exr"), "b.png", 9)
 
 
 def mypy(*args):
-    env = dict(os.environ, PYTHONPATH=str(PACKAGE.parent))
     cache = ["--cache-dir", str(PACKAGE.parent.parent / "mypy_cache")] if args[0] == "mypy" else []
-    return subprocess.run([sys.executable, "-m", *args, *cache], env=env, capture_output=True,
-                          text=True, timeout=300)
+    return subprocess.run([sys.executable, "-m", *args, *cache], capture_output=True, text=True,
+                          env=dict(os.environ, PYTHONPATH=str(PACKAGE.parent)), timeout=300)
 
 
 def test_stubs_match_the_built_module():
