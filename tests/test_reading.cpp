@@ -65,7 +65,7 @@ TEST_F(Reading, ClaimedSizesFailBeforeTheyAreAllocated) {
     fs::copy_file(fs::path(VOREL_TEST_FILES) / "claims-262661x15105.exr", claiming);
     row("claiming 31.7 GB: its width", std::to_string(ip::getImageSpec(claiming).width));
     {
-        const ScopedLimit limit("limits:imagesize_MB", 1024);
+        const auto limit = scopedLimit("limits:imagesize_MB", 1024);
         row("  read under a limit of 1 GB", describe(ip::readImage(claiming)));
         row("  as an asset", describe(ip::getImageFromAssetPath(claiming.string())));
     }
@@ -80,7 +80,7 @@ TEST_F(Reading, WithoutALimitAClaimThatCantBeAllocatedIsAFailedRead) {
     GTEST_SKIP() << "the sanitizer ends the process on a failed allocation";
 #endif
     // 2^26 x 2^14 pixels of four halves: 8 TB, which OpenImageIO fails to allocate.
-    const ScopedLimit none("limits:imagesize_MB", 0);
+    const auto none = scopedLimit("limits:imagesize_MB", 0);
     fs::copy_file(fs::path(VOREL_TEST_FILES) / "claims-67108864x16384.exr", temp / "huge.exr");
     row("8 TB", describe(ip::readImage(temp / "huge.exr")));
 }
@@ -92,7 +92,8 @@ TEST_F(Reading, CreateImageFromDataCopiesOrFailsWithItsLine) {
     row("2x2 of 3 UINT16, a copy", describe(image));
     // The whole text of each failure: our reason, then set_pixels's on a buffer without memory
     // (OpenImageIO 2.4 would crash on a null source: not called).
-    const ScopedLimit limit("limits:imagesize_MB", 1024), channels("limits:channels", 16);
+    const auto limit = scopedLimit("limits:imagesize_MB", 1024),
+               channels = scopedLimit("limits:channels", 16);
     std::vector<float> source(16, 0.5f);
     const auto create = [&source](bool null, int width, int height, int channels, T format) {
         return describe(ip::createImageFromData(null ? nullptr : source.data(), width, height,
@@ -112,7 +113,8 @@ TEST_F(Reading, CreateImageFromDataCopiesOrFailsWithItsLine) {
 /// reading entry point gives a whole image (of getImageSpec's size) and no line, or the empty
 /// Image and its one line. The broad search stays with the fuzzer; this set is its regression.
 TEST_F(Reading, DamagedFilesGiveAWholeImageOrTheirOneLine) {
-    const ScopedLimit limit("limits:imagesize_MB", 64), channels("limits:channels", 64);
+    const auto limit = scopedLimit("limits:imagesize_MB", 64),
+               channels = scopedLimit("limits:channels", 64);
     std::vector<fs::path> files(fs::directory_iterator(VOREL_FUZZ_REPRODUCERS), {});
     for (const std::string extension : {".png", ".jpg", ".bmp", ".gif", ".webp", ".tif", ".exr",
                                         ".tga", ".hdr", ".ppm", ".dpx", ".sgi", ".ico", ".fits"}) {

@@ -61,20 +61,13 @@ struct LogSink final : spdlog::sinks::base_sink<std::mutex> {
     }
 };
 
-/// Sets one of OpenImageIO's global limits as a host would, and puts the host's value back.
-class ScopedLimit {
-public:
-    ScopedLimit(const char* name, int value)
-        : name_(name), previous_(OIIO::get_int_attribute(name)) {
-        OIIO::attribute(name_, value);
-    }
-    ~ScopedLimit() { OIIO::attribute(name_, previous_); }
-    ScopedLimit(const ScopedLimit&) = delete;
-
-private:
-    const char* name_;
-    const int previous_;
-};
+/// Sets one of OpenImageIO's global limits as a host would; the host's value is back when the
+/// returned handle goes.
+inline std::shared_ptr<void> scopedLimit(const char* name, int value) {
+    const int previous = OIIO::get_int_attribute(name);
+    OIIO::attribute(name, value);
+    return std::shared_ptr<void>(nullptr, [=](void*) { OIIO::attribute(name, previous); });
+}
 
 /// Base fixture: spdlog's default logger swapped for a capture, as a host might swap loggers,
 /// and a fresh temp folder, both undone at the end.
