@@ -157,6 +157,7 @@ TEST_F(Writing, MetadataTravelsAsTypedValuesThroughAFile) {
     OIIO::ImageSpec& spec = other.buffer.specmod();
     spec.attribute("vorel:triple", OIIO::TypeDesc(OIIO::TypeDesc::INT32, 3), triple);
     spec.attribute("vorel:single", OIIO::TypeDesc(OIIO::TypeDesc::FLOAT, 1), &single);
+    spec.attribute("vorel:one", OIIO::TypeDesc(OIIO::TypeDesc::INT32, 1), triple);
     spec.attribute("vorel:ratio", OIIO::TypeDesc::DOUBLE, &ratio);
     const ip::MetadataMap metadata = ip::getMetadataFromImage(other);
     row("arrays and a double", text(metadata));
