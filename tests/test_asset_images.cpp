@@ -83,15 +83,11 @@ TEST_F(AssetImages, JpegWithinTwoOfOpenImageIOTiffAndUInt32OpenEXRAsTheHioHasThe
 #if !defined(VOREL_TEST_STAND_IN)
     // Without its OpenImageIO plugin OpenUSD has no TIFF reader; it opens a UINT32 OpenEXR but
     // refuses to read the very format it reported.
-    const std::string tiff = (temp / "rgb8.tif").string(), exr = (temp / "uint.exr").string();
     write("rgb8.tif", 3, T::UINT8);
-    EXPECT_FALSE(ip::getImageFromAssetPath(tiff).buffer.initialized());
-    expectOnly(err, "Failed to open image " + tiff);
     write("uint.exr", 1, T::UINT32);
     EXPECT_EQ(open("uint.exr")->GetFormat(), PXR_NS::HioFormatInt32);
-    clearLog();
-    EXPECT_FALSE(ip::getImageFromAssetPath(exr).buffer.initialized());
-    expectOnly(err, "Reading of image " + exr + " failed");
+    for (const char* name : {"rgb8.tif", "uint.exr"})
+        row(name, describe(ip::getImageFromAssetPath((temp / name).string())));
 #endif
 }
 

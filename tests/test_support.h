@@ -86,16 +86,6 @@ protected:
     std::vector<LogRecord> records() { return sink_->copy(false); }
     void clearLog() { sink_->copy(true); }
 
-    /// Exactly one line at warn or above: `text` at `level`, from the library. Clears the capture.
-    void expectOnly(level_enum level, const std::string& text) {
-        auto found = sink_->copy(true);
-        found.erase(std::remove_if(found.begin(), found.end(),
-                                   [](const LogRecord& r) { return r.level < warn; }),
-                    found.end());
-        ASSERT_EQ(found.size(), 1u) << text;
-        EXPECT_EQ(std::tie(found[0].level, found[0].message, found[0].funcname),
-                  std::tie(level, text, "vorel_usd_image_processing"));
-    }
     void expectNoWarnings() {
         for (const auto& record : records())
             EXPECT_LT(record.level, warn) << record.message;
