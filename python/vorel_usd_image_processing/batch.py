@@ -236,7 +236,7 @@ class Converter:
     def run(self, job: Job) -> Result:
         """Tries a file that takes the child down once more in a fresh child, then gives up."""
         started = time.monotonic()
-        for _ in range(2):
+        for tries in (1, 2):
             result = self.run_once(job)
             if result is not None:
                 return result
@@ -244,7 +244,8 @@ class Converter:
             pathlib.Path(job.partial).unlink(missing_ok=True)
         how = f"signal {signal.Signals(-code).name}" if code < 0 else f"exit status {code}"
         return {"input": job.input, "status": "crashed", "output": job.output,
-                "reason": f"the converter process ended with {how}, twice: {self._last_error()}",
+                "reason": f"the converter process ended with {how} on each of {tries} tries: "
+                          f"{self._last_error()}",
                 "seconds": round(time.monotonic() - started, 3)}
 
 
