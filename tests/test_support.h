@@ -181,14 +181,13 @@ inline std::string describe(const ip::Image& image) {
         const size_t samples = spec.image_pixels() * spec.nchannels;
         std::vector<unsigned char> bytes(spec.image_bytes());
         b.get_pixels(b.roi(), spec.format, bytes.data());
-        using B = T;
-        const auto base = B::BASETYPE(spec.format.basetype);
+        const auto base = T::BASETYPE(spec.format.basetype);
         text += spec.format.basevalues() != 1 ? std::string("...")
                 : samples > 96      ? fmt::format("{} samples, digest {}", samples, digestOf(bytes))
-                : base == B::UINT8  ? samplesOf<std::uint8_t>(b)
-                : base == B::UINT16 ? samplesOf<std::uint16_t>(b)
-                : base == B::UINT32 ? samplesOf<std::uint32_t>(b)
-                : base == B::INT32  ? samplesOf<std::int32_t>(b)
+                : base == T::UINT8  ? samplesOf<std::uint8_t>(b)
+                : base == T::UINT16 ? samplesOf<std::uint16_t>(b)
+                : base == T::UINT32 ? samplesOf<std::uint32_t>(b)
+                : base == T::INT32  ? samplesOf<std::int32_t>(b)
                                     : samplesOf<float>(b);
     }
     for (const auto& [name, value] : image.properties)
