@@ -62,7 +62,6 @@ TEST_F(ImageCore, TimerMeasuresAndWarnsOnWrongUse) {
     EXPECT_GE(first, 5.0);
     row("stop again", timer.stop());
     timer.start();
-    EXPECT_EQ(records().at(0).filename, "base/include/vorel/base/timing.h");
     row("start again", std::string());
     EXPECT_TRUE(timer.stop());
     EXPECT_GE(timer.duration(), first);  // the stretches add up

@@ -53,9 +53,6 @@ TEST_F(Reading, MissingAndCutFilesFailWithTheirOneLine) {
     fs::resize_file(cut, fs::file_size(cut) / 2);
     row("cut", describe(ip::readImage(cut)));
     row("  its height", std::to_string(ip::getImageSpec(cut).height));
-    ip::readImage(missing);
-    EXPECT_EQ(records().at(0).filename, "usd/image_processing/src/image_io.cpp");
-    clearLog();
 }
 
 TEST_F(Reading, ClaimedSizesFailBeforeTheyAreAllocated) {

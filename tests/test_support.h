@@ -102,7 +102,10 @@ protected:
                 std::regex_replace(record.message, std::regex(temp.string()), "TMP"),
                 std::regex("took: [0-9.e+-]+ms"), "took: ...ms");
             out_ += fmt::format("  {}: {}\n", spdlog::level::to_string_view(record.level), stable);
+            // Every line names the library and a source file by its path in the project.
             EXPECT_EQ(record.funcname, "vorel_usd_image_processing") << record.message;
+            EXPECT_TRUE(std::regex_match(record.filename, std::regex("(base|usd)/[^ ]+\\.(cpp|h)")))
+                << record.filename;
         }
     }
     void row(const std::string& label, bool result) {
@@ -168,6 +171,13 @@ inline std::string digestOf(const std::vector<unsigned char>& bytes) {
     return fmt::format("{:016x}", digest);
 }
 
+/// The digest of the data window's samples in the buffer's own type.
+inline std::string digestOf(const OIIO::ImageBuf& buffer) {
+    std::vector<unsigned char> bytes(buffer.spec().image_bytes());
+    buffer.get_pixels(buffer.roi(), buffer.spec().format, bytes.data());
+    return digestOf(bytes);
+}
+
 /// An Image in one line: "empty", or size, origin, type, channel names, colour-space tag and
 /// scalar samples (up to 96 of them, else their bytes' FNV-1a digest: exact either way), then
 /// its properties.
@@ -179,11 +189,9 @@ inline std::string describe(const ip::Image& image) {
                            spec.format.c_str(), fmt::join(spec.channelnames, ","),
                            spec.get_string_attribute("oiio:ColorSpace"));
         const size_t samples = spec.image_pixels() * spec.nchannels;
-        std::vector<unsigned char> bytes(spec.image_bytes());
-        b.get_pixels(b.roi(), spec.format, bytes.data());
         const auto base = T::BASETYPE(spec.format.basetype);
         text += spec.format.basevalues() != 1 ? std::string("...")
-                : samples > 96      ? fmt::format("{} samples, digest {}", samples, digestOf(bytes))
+                : samples > 96      ? fmt::format("{} samples, digest {}", samples, digestOf(b))
                 : base == T::UINT8  ? samplesOf<std::uint8_t>(b)
                 : base == T::UINT16 ? samplesOf<std::uint16_t>(b)
                 : base == T::UINT32 ? samplesOf<std::uint32_t>(b)
