@@ -1,0 +1,75 @@
+"""The conversion of one file, run in a converter process, and that process's loop."""
+
+from __future__ import annotations
+
+import json
+import logging
+import os
+import pathlib
+import time
+from typing import IO
+
+import vorel_usd_image_processing as vip
+
+from .job import Job, Result
+from .operations import OPERATIONS
+
+LOGGER = "vorel_usd_image_processing"
+
+
+class _Lines(logging.Handler):
+    """The library's warning and error lines since the last clear."""
+
+    def __init__(self) -> None:
+        super().__init__(logging.WARNING)
+        self.lines: list[str] = []
+
+    def emit(self, record: logging.LogRecord) -> None:
+        self.lines.append(record.getMessage())
+
+
+def convert(job: Job, lines: _Lines) -> Result:
+    """Reads, operates, converts and writes one file; a failure reports the library's line."""
+    started = time.monotonic()
+
+    def failed(step: str) -> Result:
+        pathlib.Path(job.partial).unlink(missing_ok=True)
+        return job.result("failed", lines.lines[-1] if lines.lines else f"{step} failed", started)
+
+    lines.lines.clear()
+    image = vip.readImage(job.source)
+    if not image:
+        return failed("readImage")
+    for op in job.ops:
+        name, _, argument = op.partition("=")
+        try:
+            image = OPERATIONS[name](image, argument)
+        except (ValueError, TypeError, IndexError) as error:
+            return job.result("failed", f"--op {op}: {error}", started)
+        if not image:
+            return failed(f"--op {op}")
+    vip.colorConvertByFormat(image, job.output)
+    if not image:
+        return failed("colorConvertByFormat")
+    os.makedirs(os.path.dirname(job.output) or ".", exist_ok=True)
+    if not vip.writeImage(image, job.partial, job.png_compression):
+        return failed("writeImage")
+    os.replace(job.partial, job.output)
+    return job.result("converted", "", started)
+
+
+def serve(requests: IO[str], replies: IO[str]) -> None:
+    """The converter's loop: a job as a line of JSON in, its result as a line of JSON out."""
+    lines = _Lines()
+    logger = logging.getLogger(LOGGER)
+    logger.addHandler(lines)
+    logger.propagate = False
+    attributes_set = False
+    for request in requests:
+        job = Job.from_json(request)
+        if not attributes_set:
+            for name, value in job.attributes:
+                vip.setOpenImageIOAttribute(name, value)
+            attributes_set = True
+        replies.write(json.dumps(convert(job, lines)) + "\n")
+        replies.flush()
