@@ -165,3 +165,75 @@ TEST_F(Writing, MetadataTravelsAsTypedValuesThroughAFile) {
 }
 
 }  // namespace
+
+namespace {
+
+/// A texture as a renderer's reader sees it: every MIP level's size, the tiles, the pixel type,
+/// the channels and the colour-space tag, then the digest of level 0 in the file's own type.
+std::string readTexture(const fs::path& file) {
+    const auto in = OIIO::ImageInput::open(file.string());
+    if (!in) {
+        OIIO::geterror(true);
+        return "no texture";
+    }
+    const OIIO::ImageSpec top = in->spec();
+    std::vector<unsigned char> pixels(top.image_bytes());
+    in->read_image(0, 0, 0, top.nchannels, top.format, pixels.data());
+    std::vector<std::string> levels;
+    for (int level = 0; in->seek_subimage(0, level); ++level) {
+        const OIIO::ImageSpec& spec = in->spec();
+        levels.push_back(
+            fmt::format("{}x{}/{}x{}", spec.width, spec.height, spec.tile_width, spec.tile_height));
+    }
+    // A few float samples are shown as numbers, so that a NaN reads as one.
+    const auto* floats = reinterpret_cast<const float*>(pixels.data());
+    const std::string level0 =
+        top.format == OIIO::TypeFloat && pixels.size() <= 16 * sizeof(float)
+            ? fmt::format("{}", fmt::join(floats, floats + pixels.size() / 4, " "))
+            : digestOf(pixels);
+    return fmt::format("{} {} {}ch '{}' level 0 {}", fmt::join(levels, " "), top.format.c_str(),
+                       top.nchannels, top.get_string_attribute("oiio:ColorSpace"), level0);
+}
+
+}  // namespace
+
+TEST_F(Writing, TexturesAreTiledMipMappedTaggedAndFailWithOpenImageIOsText) {
+    ip::TextureOptions tiles;
+    tiles.tileWidth = 32;
+    tiles.tileHeight = 16;
+    tiles.mipFilter = "lanczos3";
+    ip::TextureOptions constant, fail, black, filter, format;
+    constant.constantColorDetect = true;
+    fail.nanHandling = ip::NanHandling::Fail;
+    black.nanHandling = ip::NanHandling::FixBlack;
+    filter.mipFilter = "no such filter";
+    format.dataFormat = "uint7";
+    ip::Image flat = tagged("linear", 3, OIIO::TypeFloat, 200, 100);
+    OIIO::ImageBufAlgo::fill(flat.buffer, {0.5f, 0.25f, 1.0f});
+    ip::Image nan = tagged("linear", 1, OIIO::TypeFloat, 4, 4);
+    const float notANumber = std::numeric_limits<float>::quiet_NaN();
+    nan.buffer.setpixel(1, 2, &notANumber);
+    // The tag goes as far as the format holds it: TIFF keeps "sRGB" only, OpenEXR says "Linear".
+    const std::tuple<const char*, ip::Image, ip::TextureOptions> cases[] = {
+        {"a.tx", tagged("sRGB", 3, OIIO::TypeDesc::UINT8, 100, 60), {}},
+        {"b.exr", tagged("linear", 4, OIIO::TypeFloat, 100, 60), tiles},
+        {"c.TIF", tagged("ACEScg", 1, OIIO::TypeDesc::UINT16, 33, 7), {}},
+        {"constant.exr", flat, constant},
+        {"nan.exr", nan, {}},
+        {"black.exr", nan, black},
+        {"fail.exr", nan, fail},
+        {"filter.tx", flat, filter},
+        {"format.tx", flat, format},
+        {"scanlines.png", flat, {}}};
+    for (const auto& [name, image, options] : cases) {
+        row(name, ip::makeTexture(image, temp / name, options));
+        row("  read back", readTexture(temp / name));
+    }
+    // Level 0 is the source itself, and a refused texture leaves no temporary file behind.
+    for (const int i : {0, 1}) {
+        const std::string texture = readTexture(temp / std::get<0>(cases[i]));
+        EXPECT_EQ(texture.substr(texture.size() - 16), digestOf(std::get<1>(cases[i]).buffer));
+    }
+    for (const auto& entry : fs::directory_iterator(temp))
+        EXPECT_EQ(entry.path().string().find(".temp"), std::string::npos) << entry.path();
+}

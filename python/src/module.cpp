@@ -268,6 +268,72 @@ void bindWriting(py::module_& m) {
         "frames"_a, "path"_a, "framesPerSecond"_a, docs::writeAnimatedGif);
 }
 
+void bindTextures(py::module_& m) {
+    py::enum_<ip::TextureMode>(m, "TextureMode", docs::TextureMode)
+        .value("Texture", ip::TextureMode::Texture)
+        .value("LatLongEnvironment", ip::TextureMode::LatLongEnvironment);
+    py::enum_<ip::NanHandling>(m, "NanHandling", docs::NanHandling)
+        .value("Leave", ip::NanHandling::Leave)
+        .value("Fail", ip::NanHandling::Fail)
+        .value("FixBlack", ip::NanHandling::FixBlack)
+        .value("FixBox3", ip::NanHandling::FixBox3);
+    const ip::TextureOptions defaults;
+    py::class_<ip::TextureOptions>(m, "TextureOptions", docs::TextureOptions)
+        .def(py::init([](ip::TextureMode mode, int tileWidth, int tileHeight, std::string mipFilter,
+                         std::string dataFormat, std::string compression, bool constantColorDetect,
+                         bool opaqueDetect, bool monochromeDetect, ip::NanHandling nanHandling,
+                         bool highlightCompensation) {
+                 return ip::TextureOptions{mode,
+                                           tileWidth,
+                                           tileHeight,
+                                           std::move(mipFilter),
+                                           std::move(dataFormat),
+                                           std::move(compression),
+                                           constantColorDetect,
+                                           opaqueDetect,
+                                           monochromeDetect,
+                                           nanHandling,
+                                           highlightCompensation};
+             }),
+             py::kw_only(), "mode"_a = defaults.mode, "tileWidth"_a = defaults.tileWidth,
+             "tileHeight"_a = defaults.tileHeight, "mipFilter"_a = defaults.mipFilter,
+             "dataFormat"_a = defaults.dataFormat, "compression"_a = defaults.compression,
+             "constantColorDetect"_a = defaults.constantColorDetect,
+             "opaqueDetect"_a = defaults.opaqueDetect,
+             "monochromeDetect"_a = defaults.monochromeDetect,
+             "nanHandling"_a = defaults.nanHandling,
+             "highlightCompensation"_a = defaults.highlightCompensation)
+        .def_readwrite("mode", &ip::TextureOptions::mode)
+        .def_readwrite("tileWidth", &ip::TextureOptions::tileWidth)
+        .def_readwrite("tileHeight", &ip::TextureOptions::tileHeight)
+        .def_readwrite("mipFilter", &ip::TextureOptions::mipFilter)
+        .def_readwrite("dataFormat", &ip::TextureOptions::dataFormat)
+        .def_readwrite("compression", &ip::TextureOptions::compression)
+        .def_readwrite("constantColorDetect", &ip::TextureOptions::constantColorDetect)
+        .def_readwrite("opaqueDetect", &ip::TextureOptions::opaqueDetect)
+        .def_readwrite("monochromeDetect", &ip::TextureOptions::monochromeDetect)
+        .def_readwrite("nanHandling", &ip::TextureOptions::nanHandling)
+        .def_readwrite("highlightCompensation", &ip::TextureOptions::highlightCompensation);
+    m.def("makeTexture", ipy::withoutGil(&ip::makeTexture), "image"_a, "path"_a,
+          "options"_a = defaults, docs::makeTexture);
+    // What a header says without its pixels: enough to know what made a file, such as a batch
+    // converter's record of its source.
+    m.def(
+        "getFileStringAttribute",
+        [](const std::filesystem::path& path, const std::string& name) {
+            return ipy::callWithoutGil([&] {
+                const std::unique_ptr<OIIO::ImageInput> in = OIIO::ImageInput::open(path.string());
+                const std::string value =
+                    in ? std::string(in->spec().get_string_attribute(name)) : std::string();
+                OIIO::geterror(true);  // nothing of a file that can't be opened is kept pending
+                return value;
+            });
+        },
+        "path"_a, "name"_a,
+        "The string attribute `name` of the first subimage of the file at `path`, read from its "
+        "header alone; \"\" when the file can't be opened or has no such attribute. Logs nothing.");
+}
+
 void bindMetadata(py::module_& m) {
     m.def("getMetadataFromImage", &ip::getMetadataFromImage, "image"_a, docs::getMetadataFromImage);
     m.def("addMetadataToImage", &ip::addMetadataToImage, "image"_a, "metadata"_a,
@@ -360,8 +426,10 @@ their C++ names and failure values: an empty (falsy) Image, False or 0, with the
     bindTagsAndPixels(m);
     bindReading(m);
     bindWriting(m);
+    bindTextures(m);
     bindMetadata(m);
     bindOperations(m);
     bindIdImages(m);
+    m.attr("__version__") = VOREL_VERSION;
     ipy::installLoggingBridge();
 }

@@ -562,6 +562,70 @@ bool writeAnimatedGif(const std::vector<Image>& frames, const std::filesystem::p
 }
 
 // ---------------------------------------------------------------------------------------------
+// Renderer-ready textures
+// ---------------------------------------------------------------------------------------------
+
+namespace {
+
+/// What maketx's "--fixnan" and "--checknan" make of each NaN policy.
+const char* fixNanName(NanHandling handling) {
+    switch (handling) {
+        case NanHandling::FixBlack:
+            return "black";
+        case NanHandling::FixBox3:
+            return "box3";
+        default:
+            return "none";
+    }
+}
+
+/// make_texture's configuration as maketx builds it from its command line. Where make_texture's
+/// own defaults differ from maketx's (the bilinear MIP filter, separate planes), maketx's stand:
+/// a texture made here matches one that maketx makes with the same options.
+OIIO::ImageSpec textureConfig(const TextureOptions& options) {
+    OIIO::ImageSpec config;
+    config.tile_width = options.tileWidth;
+    config.tile_height = options.tileHeight;
+    config.tile_depth = 1;
+    config.format = OIIO::TypeDesc(options.dataFormat);  // "" is UNKNOWN: the image's own type
+    config.attribute("compression", options.compression);
+    config.attribute("planarconfig", "contig");
+    config.attribute("maketx:filtername", options.mipFilter);
+    config.attribute("maketx:constant_color_detect", int(options.constantColorDetect));
+    config.attribute("maketx:opaque_detect", int(options.opaqueDetect));
+    config.attribute("maketx:monochrome_detect", int(options.monochromeDetect));
+    config.attribute("maketx:checknan", int(options.nanHandling == NanHandling::Fail));
+    config.attribute("maketx:fixnan", fixNanName(options.nanHandling));
+    config.attribute("maketx:highlightcomp", int(options.highlightCompensation));
+    return config;
+}
+
+}  // namespace
+
+bool makeTexture(const Image& image, const std::filesystem::path& path,
+                 const TextureOptions& options) {
+    base::Timer timer(/*startNow=*/true);
+    const std::string fileName = base::convertPathToString(path);
+    // TypeDesc reads an unknown name as UNKNOWN, which make_texture takes for "as the image".
+    if (!options.dataFormat.empty() && OIIO::TypeDesc(options.dataFormat) == OIIO::TypeUnknown) {
+        VOREL_LOG(err, "Couldn't make texture {}:\n{}", fileName,
+                  fmt::format("unknown data format \"{}\"", options.dataFormat));
+        return false;
+    }
+    const auto mode = options.mode == TextureMode::LatLongEnvironment
+                          ? OIIO::ImageBufAlgo::MakeTxEnvLatl
+                          : OIIO::ImageBufAlgo::MakeTxTexture;
+    if (!OIIO::ImageBufAlgo::make_texture(mode, image.buffer, fileName, textureConfig(options))) {
+        VOREL_LOG(err, "Couldn't make texture {}:\n{}", fileName, OIIO::geterror(true));
+        return false;
+    }
+    timer.stop();
+    VOREL_LOG(debug, "Making texture of {}x{} resolution to {} took: {}ms",
+              image.buffer.spec().width, image.buffer.spec().height, fileName, timer.duration());
+    return true;
+}
+
+// ---------------------------------------------------------------------------------------------
 // Metadata
 // ---------------------------------------------------------------------------------------------
 

@@ -234,6 +234,65 @@ VOREL_USD_IMAGE_PROCESSING_API bool writeAnimatedGif(const std::vector<Image>& f
 /// @}
 
 // ---------------------------------------------------------------------------------------------
+// Renderer-ready textures
+// ---------------------------------------------------------------------------------------------
+
+/// @defgroup textures Renderer-ready textures
+/// @{
+
+/// What a texture is made for: a plain 2D texture, or a latitude-longitude environment map.
+enum class TextureMode : int {
+    Texture = 0,             ///< maketx's default
+    LatLongEnvironment = 1,  ///< maketx --envlatl
+};
+
+/// What makeTexture does about NaN and infinite samples in the source.
+enum class NanHandling : int {
+    Leave = 0,     ///< written as they are (maketx's default)
+    Fail = 1,      ///< makeTexture fails (maketx --checknan)
+    FixBlack = 2,  ///< replaced by 0 (maketx --fixnan black)
+    FixBox3 = 3,   ///< replaced by the mean of their finite 3x3 neighbours (maketx --fixnan box3)
+};
+
+/// How makeTexture builds a texture. Every default is that of OpenImageIO's maketx, so the
+/// default options make what `maketx IN -o OUT` makes of the same pixels.
+struct TextureOptions {
+    TextureMode mode = TextureMode::Texture;  ///< 2D texture or lat-long environment map
+    int tileWidth = 64;                       ///< pixels per tile row (maketx --tile W H)
+    int tileHeight = 64;                      ///< tile rows
+    /// The filter that makes each MIP level from the one above ("box", "triangle", "lanczos3",
+    /// ... as maketx --filter).
+    std::string mipFilter = "box";
+    /// The texture's pixel type: "" for the image's own, or "uint8", "sint8", "uint16",
+    /// "sint16", "half", "float" (maketx -d).
+    std::string dataFormat;
+    std::string compression = "zip";   ///< the writer's compression (maketx --compression)
+    bool constantColorDetect = false;  ///< a one-colour image becomes one tile
+    bool opaqueDetect = false;         ///< an alpha of 1.0 everywhere is dropped
+    bool monochromeDetect = false;     ///< R == G == B everywhere becomes one channel
+    NanHandling nanHandling = NanHandling::Leave;  ///< see NanHandling
+    /// Compresses the range of HDR samples around the MIP resampling and clamps negative
+    /// samples, so that filters with negative lobes ring less (maketx --hicomp).
+    bool highlightCompensation = false;
+};
+
+/// Writes `image` to `path` as a tiled, MIP-mapped texture, as maketx does, from the image's own
+/// pixels (no file is read). The format follows the extension: ".tx", ".tif", ".tiff" TIFF,
+/// ".exr" OpenEXR. The colour is not converted (call colorConvertByFormat first if the texture's
+/// colour space should follow its extension); the colour-space tag and the image's other
+/// attributes go into the file as far as its format holds them: a TIFF keeps "sRGB" only, an
+/// OpenEXR reads back as "Linear" whatever it was. The texture is written under a temporary
+/// name and renamed when complete. `image` is not changed. Returns false and logs at err
+/// "Couldn't make texture {file}:\n{OpenImageIO's text}" when OpenImageIO refuses (an unknown
+/// filter, data format or extension, a NaN with NanHandling::Fail, a file that can't be
+/// written). On success logs the time taken at debug.
+VOREL_USD_IMAGE_PROCESSING_API bool makeTexture(const Image& image,
+                                                const std::filesystem::path& path,
+                                                const TextureOptions& options = {});
+
+/// @}
+
+// ---------------------------------------------------------------------------------------------
 // Metadata
 // ---------------------------------------------------------------------------------------------
 
