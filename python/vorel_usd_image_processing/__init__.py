@@ -6,4 +6,5 @@ live in ``_core``; ``vorel_usd_image_processing.batch`` converts many files on D
 """
 
 from ._core import *  # noqa: F401,F403  (the bindings' names, at the package's top level)
-from ._core import __version__  # noqa: F401  (the library's version; star imports skip it)
+# The library's version: star imports skip it, and "as" exports it to mypy --strict.
+from ._core import __version__ as __version__  # noqa: F401
