@@ -7,6 +7,7 @@ import sys
 import time
 
 import numpy as np
+import pytest
 
 import vorel_usd_image_processing as vip
 from conftest import gradient
@@ -85,3 +86,19 @@ def test_a_killed_batch_leaves_no_half_written_output(tmp_path):
     expected = vip.resize(vip.readImage(tmp_path / "in" / "00.exr"), vip.ROI(0, 3000, 0, 3000))
     for path in finished:
         np.testing.assert_array_equal(vip.readImage(path).pixels(), expected.pixels())
+
+
+@pytest.mark.parametrize("arguments, message", [
+    ("in -o out --ext .png", r"batch: this Python \(.*python3.*\) can't import distributed: the batch "
+     r"converter runs on Dask; install Debian's python3-distributed and run /usr/bin/python3, or "
+     r"run .*python3.* -m pip install dask distributed tqdm"),
+])
+def test_a_mistake_at_first_use_is_one_line_and_status_2(tmp_path, arguments, message):
+    write(tmp_path / "in" / "a.png")
+    (tmp_path / "distributed").mkdir()  # a Python without Dask's distributed
+    (tmp_path / "distributed" / "__init__.py").write_text(
+        "raise ModuleNotFoundError(\"No module named 'distributed'\", name='distributed')\n")
+    env = dict(ENV, PYTHONPATH=os.pathsep.join([str(tmp_path), ENV["PYTHONPATH"]]))
+    done = subprocess.run(BATCH + arguments.split(), cwd=tmp_path, **dict(CAPTURED, env=env))
+    assert done.returncode == 2 and re.fullmatch(message, done.stderr.splitlines()[-1]), done.stderr
+    assert "Traceback" not in done.stderr and not (tmp_path / "out").exists()

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import argparse
+import itertools
 import json
 import os
 import pathlib
@@ -24,9 +25,10 @@ class Progress:
         self.started = self.last_line = time.monotonic()
         self.bar: Any = None
         if not quiet and sys.stderr.isatty():
-            # Debian has no stubs for tqdm.
-            from tqdm import tqdm  # type: ignore[import]
-
+            try:  # Debian has no stubs for tqdm; without tqdm, lines
+                from tqdm import tqdm  # type: ignore[import]
+            except ImportError:
+                return
             self.bar = tqdm(total=total, unit="file", dynamic_ncols=True)
 
     def add(self, status: str) -> None:
@@ -48,18 +50,25 @@ class Progress:
             self.bar.close()
 
 
-def results(jobs: list[Job], args: argparse.Namespace) -> Iterator[Result]:
-    """Skipped ones first, then each converted file's result as it arrives from the cluster."""
-    pending = []
+def triage(jobs: list[Job], args: argparse.Namespace) -> tuple[list[Result], list[Job]]:
+    """The results of the jobs that need no conversion, and the jobs that do."""
+    skipped: list[Result] = []
+    pending: list[Job] = []
     for job in jobs:
         if args.skip_existing and os.path.exists(job.output):
-            yield job.result("skipped", "the output exists")
+            skipped.append(job.result("skipped", "the output exists"))
         else:
             pending.append(job)
-    if pending:
-        from .converters import run_on_cluster
+    return skipped, pending
 
-        yield from run_on_cluster(pending, args.workers, args.scheduler)
+
+def no_dask(name: str) -> SystemExit:
+    """Exit status 2 and one line on what is missing and how to get it."""
+    python = sys.executable
+    print(f"batch: this Python ({python}) can't import {name}: the batch converter runs on Dask; "
+          f"install Debian's python3-distributed and run /usr/bin/python3, or run "
+          f"{python} -m pip install dask distributed tqdm", file=sys.stderr)
+    return SystemExit(2)
 
 
 def parse_args(argv: list[str] | None) -> argparse.Namespace:
@@ -95,13 +104,20 @@ def parse_args(argv: list[str] | None) -> argparse.Namespace:
 
 def main(argv: list[str] | None = None) -> int:
     args = parse_args(argv)
-    jobs = plan(args)
+    skipped, pending = triage(plan(args), args)
+    converted: Iterator[Result] = iter(())
+    if pending:  # the cluster only when there is something to convert
+        try:
+            from .converters import run_on_cluster
+        except ImportError as error:
+            raise no_dask(error.name or "dask") from None
+        converted = run_on_cluster(pending, args.workers, args.scheduler)
     report = args.report or args.output / "batch-report.jsonl"
     report.parent.mkdir(parents=True, exist_ok=True)
-    progress = Progress(len(jobs), args.quiet)
+    progress = Progress(len(skipped) + len(pending), args.quiet)
     all_done = True
     with report.open("w") as lines:
-        for result in results(jobs, args):
+        for result in itertools.chain(skipped, converted):
             lines.write(json.dumps(result) + "\n")
             lines.flush()
             progress.add(result["status"])

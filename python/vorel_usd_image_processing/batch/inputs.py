@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import argparse
 import glob
+import itertools
 import os
 import pathlib
 import sys
@@ -23,9 +24,13 @@ def find_inputs(inputs: list[str]) -> Iterator[tuple[str, pathlib.Path]]:
                 if path.is_file():
                     yield str(path), pathlib.Path(given)
         elif glob.has_magic(given):
+            # Outputs keep the path below the glob's fixed part: in/**/*.exr finds in/a/b.exr,
+            # whose output is OUTDIR/a/b.EXT.
+            parts = pathlib.PurePath(given).parts[:-1]
+            fixed = pathlib.Path(*itertools.takewhile(lambda part: not glob.has_magic(part), parts))
             for found in sorted(glob.glob(given, recursive=True)):
                 if os.path.isfile(found):
-                    yield found, pathlib.Path(found).parent
+                    yield found, fixed
         else:
             yield given, pathlib.Path(given).parent
 
