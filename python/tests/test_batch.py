@@ -88,10 +88,46 @@ def test_a_killed_batch_leaves_no_half_written_output(tmp_path):
         np.testing.assert_array_equal(vip.readImage(path).pixels(), expected.pixels())
 
 
+def run_batch(folder, command):
+    done = subprocess.run(BATCH + command.split() + ["-q", "--workers", "2"], cwd=folder, **CAPTURED)
+    assert done.returncode == 0, done.stderr
+    report = [json.loads(line) for line in (folder / "out" / "batch-report.jsonl").open()]
+    return {e["input"].split("/", 1)[1]: (e["status"], e["reason"], e["color_space"]) for e in report}
+
+
+@pytest.mark.parametrize("options, colors", [
+    ("--texture --ext .tx --tile 32x32", ("sRGB", "linear", "")),
+    ("--ext .exr --op fit=30x30", ("Linear",) * 3),
+])
+def test_textures_are_tiled_and_every_output_names_its_colour(tmp_path, options, colors):
+    sources = {"a.png": np.uint8, "sub/b.exr": np.float32, "c.ppm": np.uint8}  # PPM: raw samples
+    for name, dtype in sources.items():
+        (tmp_path / "in" / name).parent.mkdir(parents=True, exist_ok=True)
+        image = vip.Image.from_array(gradient(40, 60, 3, dtype))
+        vip.setColorSpace(image, "sRGB" if name == "a.png" else "linear")
+        assert vip.writeImage(image, tmp_path / "in" / name)
+    command = f"in/**/*.* -o out {options}"  # outputs keep the path below in/
+    assert run_batch(tmp_path, command) == {
+        name: ("converted", "", color) for name, color in zip(sources, colors)}
+    out, ext = tmp_path / "out", options.split("--ext ")[1].split()[0]
+    outputs = {"a.png": "a", "sub/b.exr": "sub/b", "c.ppm": "c"}
+    files = ["batch-report.jsonl"] + [o + ext for o in outputs.values()]
+    assert sorted(p.relative_to(out).as_posix() for p in out.rglob("*.*")) == sorted(files)
+    for name, output in outputs.items() if "--texture" in options else ():
+        source, texture = vip.readImage(tmp_path / "in" / name), out / (output + ext)
+        np.testing.assert_array_equal(vip.readImage(texture).pixels(), source.pixels())
+        info = subprocess.run(["iinfo", "-v", texture], capture_output=True, text=True).stdout
+        assert "MIP-map levels: 60x40 30x20 15x10 7x5 3x2 1x1\n" in info
+        assert "tile size: 32 x 32\n" in info and 'textureformat: "Plain Texture"' in info
+
+
 @pytest.mark.parametrize("arguments, message", [
     ("in -o out --ext .png", r"batch: this Python \(.*python3.*\) can't import distributed: the batch "
      r"converter runs on Dask; install Debian's python3-distributed and run /usr/bin/python3, or "
      r"run .*python3.* -m pip install dask distributed tqdm"),
+    ("in -o out --ext .png --texture", r".*error: --texture writes \.tx, \.exr, \.tif, \.tiff, not \.png"),
+    ("in -o out --ext tx --tile 8x8 --envlatl", r".*error: --tile, --envlatl only with --texture"),
+    ("in -o out --ext .tx --texture --tile 8", r".*error: argument --tile: '8' is not WIDTHxHEIGHT"),
 ])
 def test_a_mistake_at_first_use_is_one_line_and_status_2(tmp_path, arguments, message):
     write(tmp_path / "in" / "a.png")
@@ -102,3 +138,22 @@ def test_a_mistake_at_first_use_is_one_line_and_status_2(tmp_path, arguments, me
     done = subprocess.run(BATCH + arguments.split(), cwd=tmp_path, **dict(CAPTURED, env=env))
     assert done.returncode == 2 and re.fullmatch(message, done.stderr.splitlines()[-1]), done.stderr
     assert "Traceback" not in done.stderr and not (tmp_path / "out").exists()
+
+
+def test_texture_flags_reach_make_texture_by_its_names():
+    from vorel_usd_image_processing.batch import cli, convert
+
+    args = cli.parse_args("in -o out --ext .exr --texture --tile 16x8 --mip-filter lanczos3 --format "
+                          "half --nan fix --constant-color-detect --envlatl".split())
+    options = convert.texture_options(args.texture)
+    assert {name: getattr(options, name) for name in ("mode", "tileWidth", "tileHeight", "mipFilter",
+            "dataFormat", "nanHandling", "constantColorDetect")} == {
+        "mode": vip.TextureMode.LatLongEnvironment, "tileWidth": 16, "tileHeight": 8,
+        "mipFilter": "lanczos3", "dataFormat": "half", "nanHandling": vip.NanHandling.FixBox3,
+        "constantColorDetect": True}
+    defaults, made = vip.TextureOptions(), convert.texture_options(cli.parse_args(
+        "in -o out --ext .tx --texture".split()).texture)
+    assert all(getattr(made, name) == getattr(defaults, name) for name in dir(defaults)
+               if not name.startswith("_"))
+    assert convert.texture_options(cli.parse_args(
+        "i -o o --ext .tx --texture --nan fail".split()).texture).nanHandling == vip.NanHandling.Fail

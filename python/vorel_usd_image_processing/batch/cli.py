@@ -13,7 +13,7 @@ from typing import Any, Iterator
 
 from . import __doc__ as _package_doc
 from .inputs import plan
-from .job import Job, Result
+from .job import Job, Result, Texture
 from .operations import OPERATIONS, parse_op
 
 
@@ -62,6 +62,22 @@ def triage(jobs: list[Job], args: argparse.Namespace) -> tuple[list[Result], lis
     return skipped, pending
 
 
+TEXTURE_EXTENSIONS = (".tx", ".exr", ".tif", ".tiff")
+TEXTURE_FLAGS = ("tile", "mip_filter", "format", "nan", "constant_color_detect", "envlatl")
+DATA_FORMATS = ("uint8", "sint8", "uint16", "sint16", "half", "float")
+
+
+def tile(text: str) -> tuple[int, int]:
+    """argparse type of --tile: WxH, both positive."""
+    try:
+        width, height = (int(v) for v in text.lower().split("x"))
+    except ValueError:
+        width = height = 0
+    if width <= 0 or height <= 0:
+        raise argparse.ArgumentTypeError(f"'{text}' is not WIDTHxHEIGHT")
+    return width, height
+
+
 def no_dask(name: str) -> SystemExit:
     """Exit status 2 and one line on what is missing and how to get it."""
     python = sys.executable
@@ -82,6 +98,22 @@ def parse_args(argv: list[str] | None) -> argparse.Namespace:
     parser.add_argument("--op", action="append", default=[], type=parse_op, metavar="NAME=ARGS",
                         help=f"an operation, applied in order: {', '.join(OPERATIONS)}")
     parser.add_argument("--png-compression", type=int, default=-1, metavar="N")
+    textures = parser.add_argument_group("textures")
+    textures.add_argument("--texture", action="store_true",
+                          help="make every output a tiled, MIP-mapped texture (--ext .tx, .exr, "
+                               ".tif or .tiff)")
+    textures.add_argument("--tile", type=tile, metavar="WxH", help="tile size (default: 64x64)")
+    textures.add_argument("--mip-filter", metavar="NAME",
+                          help="filter of the MIP levels, as maketx's --filter (default: box)")
+    textures.add_argument("--format", choices=DATA_FORMATS, metavar="TYPE",
+                          help=f"sample type: {', '.join(DATA_FORMATS)} (default: the image's)")
+    textures.add_argument("--nan", choices=("fix", "fail"),
+                          help="fix: NaN and infinite samples become the mean of their finite 3x3 "
+                               "neighbours; fail: the file fails (default: left as they are)")
+    textures.add_argument("--constant-color-detect", action="store_true",
+                          help="a one-colour image becomes a texture of one tile")
+    textures.add_argument("--envlatl", action="store_true",
+                          help="a latitude-longitude environment map")
     where = parser.add_mutually_exclusive_group()
     where.add_argument("--workers", type=int, default=os.cpu_count() or 1,
                        help="worker processes of a local cluster (default: the CPU count)")
@@ -99,6 +131,18 @@ def parse_args(argv: list[str] | None) -> argparse.Namespace:
     args = parser.parse_args(argv)
     if not (args.inputs and args.output and args.ext):
         parser.error("INPUT, -o OUTDIR and --ext are required")
+    args.ext = args.ext if args.ext.startswith(".") else "." + args.ext
+    given = [f"--{name.replace('_', '-')}" for name in TEXTURE_FLAGS if vars(args)[name]]
+    if args.texture:
+        if args.ext.lower() not in TEXTURE_EXTENSIONS:
+            parser.error(f"--texture writes {', '.join(TEXTURE_EXTENSIONS)}, not {args.ext}")
+        width, height = args.tile or (64, 64)
+        args.texture = Texture(width, height, args.mip_filter or "box", args.format or "",
+                               args.nan or "leave", args.constant_color_detect, args.envlatl)
+    elif given:
+        parser.error(f"{', '.join(given)} only with --texture")
+    else:
+        args.texture = None
     return args
 
 

@@ -11,7 +11,7 @@ from typing import IO
 
 import vorel_usd_image_processing as vip
 
-from .job import Job, Result
+from .job import Job, Result, Texture
 from .operations import OPERATIONS
 
 LOGGER = "vorel_usd_image_processing"
@@ -52,10 +52,38 @@ def convert(job: Job, lines: _Lines) -> Result:
     if not image:
         return failed("colorConvertByFormat")
     os.makedirs(os.path.dirname(job.output) or ".", exist_ok=True)
-    if not vip.writeImage(image, job.partial, job.png_compression):
+    if job.texture is not None:
+        if not vip.makeTexture(image, job.partial, texture_options(job.texture)):
+            return failed("makeTexture")
+    elif not vip.writeImage(image, job.partial, job.png_compression):
         return failed("writeImage")
+    color_space = written_color_space(job, image)
     os.replace(job.partial, job.output)
-    return job.result("converted", "", started)
+    return job.result("converted", "", started, color_space)
+
+
+def texture_options(texture: Texture) -> vip.TextureOptions:
+    nan = {"leave": vip.NanHandling.Leave, "fix": vip.NanHandling.FixBox3,
+           "fail": vip.NanHandling.Fail}[texture.nan]
+    mode = vip.TextureMode.LatLongEnvironment if texture.envlatl else vip.TextureMode.Texture
+    return vip.TextureOptions(mode=mode, tileWidth=texture.tile_width,
+                              tileHeight=texture.tile_height, mipFilter=texture.mip_filter,
+                              dataFormat=texture.data_format, nanHandling=nan,
+                              constantColorDetect=texture.constant_color_detect)
+
+
+def written_color_space(job: Job, image: vip.Image) -> str:
+    """The colour space that the written file names, as OpenImageIO reads it back.
+
+    A TIFF names "sRGB" and no other; one that names none but holds half or float samples is
+    linear by the convention of renderers, and is reported so.
+    """
+    named = vip.getFileStringAttribute(job.partial, "oiio:ColorSpace")
+    if named or pathlib.Path(job.output).suffix.lower() not in (".tif", ".tiff", ".tx"):
+        return named
+    written = job.texture.data_format if job.texture and job.texture.data_format else ""
+    floats = written in ("half", "float", "double") if written else image.dtype.kind == "f"
+    return "linear" if floats else ""
 
 
 def serve(requests: IO[str], replies: IO[str]) -> None:

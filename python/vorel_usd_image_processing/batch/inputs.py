@@ -37,7 +37,6 @@ def find_inputs(inputs: list[str]) -> Iterator[tuple[str, pathlib.Path]]:
 
 def plan(args: argparse.Namespace) -> list[Job]:
     """A job per input; exits with status 2 when two inputs would land on one output."""
-    extension = args.ext if args.ext.startswith(".") else "." + args.ext
     attributes: tuple[tuple[str, int], ...] = ()
     if args.untrusted:
         attributes = (("limits:imagesize_MB", args.max_image_mb),
@@ -49,10 +48,10 @@ def plan(args: argparse.Namespace) -> list[Job]:
     claimed: dict[str, str] = {}
     for given, folder in find_inputs(args.inputs):
         relative = pathlib.Path(given).relative_to(folder)
-        output = str((args.output / relative).with_suffix(extension).absolute())
+        output = str((args.output / relative).with_suffix(args.ext).absolute())
         if output in claimed:
             sys.exit(f"batch: {claimed[output]} and {given} would both be written to {output}")
         claimed[output] = given
         jobs.append(Job(given, str(pathlib.Path(given).absolute()), output, tuple(args.op),
-                        args.png_compression, attributes, args.timeout))
+                        args.png_compression, attributes, args.timeout, args.texture))
     return jobs

@@ -12,6 +12,19 @@ Result = dict[str, Any]
 
 
 @dataclasses.dataclass(frozen=True)
+class Texture:
+    """How --texture makes each output: the command line's settings, by the batch's names."""
+
+    tile_width: int = 64
+    tile_height: int = 64
+    mip_filter: str = "box"
+    data_format: str = ""  # the image's own type
+    nan: str = "leave"  # or "fix" (the mean of the finite 3x3 neighbours) or "fail"
+    constant_color_detect: bool = False
+    envlatl: bool = False  # a latitude-longitude environment map
+
+
+@dataclasses.dataclass(frozen=True)
 class Job:
     input: str  # as the user gave it, or as found in a folder they gave
     source: str
@@ -20,6 +33,7 @@ class Job:
     png_compression: int = -1
     attributes: tuple[tuple[str, int], ...] = ()  # OpenImageIO's, set in each converter
     timeout: float | None = None
+    texture: Texture | None = None  # writeImage without
 
     @property
     def partial(self) -> str:
@@ -35,10 +49,13 @@ class Job:
         fields = json.loads(text)
         fields["ops"] = tuple(fields["ops"])
         fields["attributes"] = tuple(map(tuple, fields["attributes"]))
+        if fields["texture"] is not None:
+            fields["texture"] = Texture(**fields["texture"])
         return cls(**fields)
 
-    def result(self, status: str, reason: str = "", started: float | None = None) -> Result:
+    def result(self, status: str, reason: str = "", started: float | None = None,
+               color_space: str = "") -> Result:
         """A report entry; seconds since `started` (time.monotonic), 0 without it."""
         seconds = round(time.monotonic() - started, 3) if started is not None else 0.0
         return {"input": self.input, "status": status, "output": self.output, "reason": reason,
-                "seconds": seconds}
+                "color_space": color_space, "seconds": seconds}
