@@ -1,6 +1,7 @@
 import json
 import os
 import re
+import shutil
 import signal
 import subprocess
 import sys
@@ -95,23 +96,27 @@ def run_batch(folder, command):
     return {e["input"].split("/", 1)[1]: (e["status"], e["reason"], e["color_space"]) for e in report}
 
 
-@pytest.mark.parametrize("options, colors", [
-    ("--texture --ext .tx --tile 32x32", ("sRGB", "linear", "")),
-    ("--ext .exr --op fit=30x30", ("Linear",) * 3),
+@pytest.mark.parametrize("options, colors, records, changed, remade", [
+    ("--texture --ext .tx --tile 32x32", ("sRGB", "linear", ""), True, "--format float",
+     (np.float32, 60)),
+    ("--ext .exr --op fit=30x30", ("Linear",) * 3, False, "--op fit=20x20", (np.float16, 20)),
+    ("--ext .png", ("sRGB",) * 3, False, "--png-compression 1", (np.uint8, 60)),
 ])
-def test_textures_are_tiled_and_every_output_names_its_colour(tmp_path, options, colors):
-    sources = {"a.png": np.uint8, "sub/b.exr": np.float32, "c.ppm": np.uint8}  # PPM: raw samples
+def test_update_redoes_exactly_what_changed_and_textures_are_tiled(tmp_path, options, colors,
+                                                                   records, changed, remade):
+    sources = {"a.png": np.uint8, "sub/b.exr": np.float32, "c.bmp": np.uint8}  # BMP: raw samples
     for name, dtype in sources.items():
         (tmp_path / "in" / name).parent.mkdir(parents=True, exist_ok=True)
         image = vip.Image.from_array(gradient(40, 60, 3, dtype))
         vip.setColorSpace(image, "sRGB" if name == "a.png" else "linear")
         assert vip.writeImage(image, tmp_path / "in" / name)
-    command = f"in/**/*.* -o out {options}"  # outputs keep the path below in/
+    command = f"in/**/*.* -o out {options} --update"  # outputs keep the path below in/
     assert run_batch(tmp_path, command) == {
         name: ("converted", "", color) for name, color in zip(sources, colors)}
     out, ext = tmp_path / "out", options.split("--ext ")[1].split()[0]
-    outputs = {"a.png": "a", "sub/b.exr": "sub/b", "c.ppm": "c"}
-    files = ["batch-report.jsonl"] + [o + ext for o in outputs.values()]
+    outputs = {"a.png": "a", "sub/b.exr": "sub/b", "c.bmp": "c"}
+    files = ["batch-report.jsonl"] + [o + ext for o in outputs.values()] + \
+        [re.sub(r"(\w+)$", rf".\1{ext}.batch-record", o) for o in outputs.values() if records]
     assert sorted(p.relative_to(out).as_posix() for p in out.rglob("*.*")) == sorted(files)
     for name, output in outputs.items() if "--texture" in options else ():
         source, texture = vip.readImage(tmp_path / "in" / name), out / (output + ext)
@@ -119,6 +124,31 @@ def test_textures_are_tiled_and_every_output_names_its_colour(tmp_path, options,
         info = subprocess.run(["iinfo", "-v", texture], capture_output=True, text=True).stdout
         assert "MIP-map levels: 60x40 30x20 15x10 7x5 3x2 1x1\n" in info
         assert "tile size: 32 x 32\n" in info and 'textureformat: "Plain Texture"' in info
+
+    folder = tmp_path / "moved"  # both trees moved; a.png copied over itself: new time, same bytes
+    folder.mkdir()
+    for tree in ("in", "out"):
+        (tmp_path / tree).rename(folder / tree)
+    written = {p: p.stat().st_mtime_ns for p in (folder / "out").rglob("*" + ext)}
+    shutil.copy(folder / "in" / "a.png", folder / "in" / "a.copy")
+    (folder / "in" / "a.copy").replace(folder / "in" / "a.png")
+    c = folder / "in" / "c.bmp"
+    stat, data = c.stat(), bytearray(c.read_bytes())
+    data[-1] ^= 1  # another sample; size and time as recorded: not read, so not seen
+    c.write_bytes(data)
+    os.utime(c, ns=(stat.st_atime_ns, stat.st_mtime_ns))
+    unchanged = {name: ("skipped", "up to date", color) for name, color in zip(sources, colors)}
+    assert run_batch(folder, command) == unchanged
+    assert written == {p: p.stat().st_mtime_ns for p in written}
+    os.utime(c)  # now seen, with the size recorded
+    (folder / "out" / f"sub/b{ext}").write_bytes(b"damaged")
+    assert run_batch(folder, command) == dict(unchanged, **{
+        "sub/b.exr": ("converted", "", colors[1]), "c.bmp": ("converted", "", colors[2])})
+    assert run_batch(folder, command) == unchanged
+    for statuses in ({"converted"}, {"skipped"}):
+        assert {status for status, _, _ in run_batch(folder, f"{command} {changed}").values()} == statuses
+    image = vip.readImage(folder / "out" / f"a{ext}")
+    assert (image.dtype, image.width) == remade
 
 
 @pytest.mark.parametrize("arguments, message", [

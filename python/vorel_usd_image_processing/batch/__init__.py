@@ -6,7 +6,8 @@ Every input is reported exactly once, as a line of JSON, with the status convert
 crashed, timed_out or skipped. Each Dask worker converts in a child process of its own, so that a
 file on which one of OpenImageIO's readers aborts costs that child, not the worker or the batch.
 
-Modules: inputs (finding inputs, planning outputs), operations (--op), convert (one file, in the
-converter process), converters (the converter processes and the cluster), cli (the command line,
+Modules: job (what travels to a worker), inputs (finding inputs, planning outputs), operations
+(--op), convert (one file, in the converter process), converters (the converter processes and the
+cluster), update (the record kept with each output, and --update), cli (the command line,
 progress and report).
 """

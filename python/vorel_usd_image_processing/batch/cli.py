@@ -15,6 +15,7 @@ from . import __doc__ as _package_doc
 from .inputs import plan
 from .job import Job, Result, Texture
 from .operations import OPERATIONS, parse_op
+from .update import up_to_date
 
 
 class Progress:
@@ -57,6 +58,8 @@ def triage(jobs: list[Job], args: argparse.Namespace) -> tuple[list[Result], lis
     for job in jobs:
         if args.skip_existing and os.path.exists(job.output):
             skipped.append(job.result("skipped", "the output exists"))
+        elif args.update and (result := up_to_date(job)) is not None:
+            skipped.append(result)
         else:
             pending.append(job)
     return skipped, pending
@@ -120,8 +123,12 @@ def parse_args(argv: list[str] | None) -> argparse.Namespace:
     where.add_argument("--scheduler", metavar="tcp://HOST:PORT", help="an existing Dask cluster")
     parser.add_argument("--report", type=pathlib.Path,
                         help="JSON Lines report (default: OUTDIR/batch-report.jsonl)")
-    parser.add_argument("--skip-existing", action="store_true",
-                        help="report outputs that exist as skipped and leave them")
+    redo = parser.add_mutually_exclusive_group()
+    redo.add_argument("--skip-existing", action="store_true",
+                      help="report outputs that exist as skipped and leave them")
+    redo.add_argument("--update", action="store_true",
+                      help="convert only where the output is missing or damaged, or was made "
+                           "from other source bytes or other options")
     parser.add_argument("--untrusted", action="store_true",
                         help="set the limits below and try_all_readers 0 in every converter")
     parser.add_argument("--max-image-mb", type=int, default=2048, metavar="MB")

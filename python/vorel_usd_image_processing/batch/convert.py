@@ -11,6 +11,7 @@ from typing import IO
 
 import vorel_usd_image_processing as vip
 
+from . import update
 from .job import Job, Result, Texture
 from .operations import OPERATIONS
 
@@ -37,6 +38,10 @@ def convert(job: Job, lines: _Lines) -> Result:
         return job.result("failed", lines.lines[-1] if lines.lines else f"{step} failed", started)
 
     lines.lines.clear()
+    try:  # before reading: a source changed while it is converted is converted again next time
+        record = update.source_record(job)
+    except OSError:
+        record = {}  # readImage fails below with the library's line
     image = vip.readImage(job.source)
     if not image:
         return failed("readImage")
@@ -52,13 +57,14 @@ def convert(job: Job, lines: _Lines) -> Result:
     if not image:
         return failed("colorConvertByFormat")
     os.makedirs(os.path.dirname(job.output) or ".", exist_ok=True)
+    vip.addMetadataToImage(image, {update.ATTRIBUTE: update.as_text(record)})
     if job.texture is not None:
         if not vip.makeTexture(image, job.partial, texture_options(job.texture)):
             return failed("makeTexture")
     elif not vip.writeImage(image, job.partial, job.png_compression):
         return failed("writeImage")
     color_space = written_color_space(job, image)
-    os.replace(job.partial, job.output)
+    update.keep(job, record, color_space)
     return job.result("converted", "", started, color_space)
 
 
