@@ -141,7 +141,9 @@ def test_update_redoes_exactly_what_changed_and_textures_are_tiled(tmp_path, opt
     assert run_batch(folder, command) == unchanged
     assert written == {p: p.stat().st_mtime_ns for p in written}
     os.utime(c)  # now seen, with the size recorded
-    (folder / "out" / f"sub/b{ext}").write_bytes(b"damaged")
+    write(tmp_path / "crash.iff", 12, 64)  # damaged b: an IFF on which OpenImageIO's reader aborts
+    crash = (tmp_path / "crash.iff").read_bytes()
+    (folder / "out" / f"sub/b{ext}").write_bytes(crash[:32] + b"\x7f\xff\xff\xff" + crash[36:])
     assert run_batch(folder, command) == dict(unchanged, **{
         "sub/b.exr": ("converted", "", colors[1]), "c.bmp": ("converted", "", colors[2])})
     assert run_batch(folder, command) == unchanged

@@ -11,6 +11,8 @@ import sys
 import time
 from typing import Any, Iterator
 
+import vorel_usd_image_processing as vip
+
 from . import __doc__ as _package_doc
 from .inputs import plan
 from .job import Job, Result, Texture
@@ -55,6 +57,8 @@ def triage(jobs: list[Job], args: argparse.Namespace) -> tuple[list[Result], lis
     """The results of the jobs that need no conversion, and the jobs that do."""
     skipped: list[Result] = []
     pending: list[Job] = []
+    if args.update:  # an output's own reader only: a damaged .png is never handed to the IFF one
+        vip.setOpenImageIOAttribute("try_all_readers", 0)
     for job in jobs:
         if args.skip_existing and os.path.exists(job.output):
             skipped.append(job.result("skipped", "the output exists"))
