@@ -140,6 +140,8 @@ def test_update_redoes_exactly_what_changed_and_textures_are_tiled(tmp_path, opt
     unchanged = {name: ("skipped", "up to date", color) for name, color in zip(sources, colors)}
     assert run_batch(folder, command) == unchanged
     assert written == {p: p.stat().st_mtime_ns for p in written}
+    assert f'"mtime_ns":{(folder / "in" / "a.png").stat().st_mtime_ns},' in \
+        (folder / "out" / f".a{ext}.batch-record").read_text()  # so it is read no more
     os.utime(c)  # now seen, with the size recorded
     write(tmp_path / "crash.iff", 12, 64)  # damaged b: an IFF on which OpenImageIO's reader aborts
     crash = (tmp_path / "crash.iff").read_bytes()
