@@ -196,9 +196,11 @@ std::string readTexture(const fs::path& file) {
         top.format == OIIO::TypeFloat && pixels.size() <= 16 * sizeof(float)
             ? fmt::format("{}", fmt::join(floats, floats + pixels.size() / 4, " "))
             : digestOf(pixels);
-    return fmt::format("{} {} {} {}ch '{}' level 0 {} below {}",
-                       top.get_string_attribute("textureformat"), fmt::join(levels, " "),
-                       top.format.c_str(), top.nchannels,
+    // The cache shares textures by the fingerprint of their pixels.
+    const bool fingerprint = !top.get_string_attribute("oiio:SHA-1").empty();
+    return fmt::format("{}{} {} {} {}ch '{}' level 0 {} below {}",
+                       top.get_string_attribute("textureformat"), fingerprint ? " SHA-1" : "",
+                       fmt::join(levels, " "), top.format.c_str(), top.nchannels,
                        top.get_string_attribute("oiio:ColorSpace"), level0, digestOf(below));
 }
 

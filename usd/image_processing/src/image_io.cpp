@@ -590,6 +590,11 @@ OIIO::ImageSpec textureConfig(const TextureOptions& options) {
     config.format = OIIO::TypeDesc(options.dataFormat);  // "" is UNKNOWN: the image's own type
     config.attribute("compression", options.compression);
     config.attribute("planarconfig", "contig");
+    // OpenImageIO's readers keep a texture's pixel fingerprint ("oiio:SHA-1", by which the
+    // texture cache shares duplicates) only when the file says OpenImageIO made it.
+    config.attribute("Software",
+                     fmt::format("OpenImageIO {} : vorel_usd_image_processing makeTexture",
+                                 OIIO_VERSION_STRING));
     config.attribute("maketx:filtername", options.mipFilter);
     config.attribute("maketx:constant_color_detect", int(options.constantColorDetect));
     config.attribute("maketx:opaque_detect", int(options.opaqueDetect));

@@ -281,7 +281,9 @@ struct TextureOptions {
 /// ".exr" OpenEXR. The colour is not converted (call colorConvertByFormat first if the texture's
 /// colour space should follow its extension); the colour-space tag and the image's other
 /// attributes go into the file as far as its format holds them: a TIFF keeps "sRGB" only, an
-/// OpenEXR reads back as "Linear" whatever it was. The texture is written under a temporary
+/// OpenEXR reads back as "Linear" whatever it was. As maketx's textures, it carries the
+/// fingerprint of its pixels ("oiio:SHA-1") by which a texture cache shares duplicates, and a
+/// "Software" that names OpenImageIO. The texture is written under a temporary
 /// name and renamed when complete. `image` is not changed. Returns false and logs at err
 /// "Couldn't make texture {file}:\n{OpenImageIO's text}" when OpenImageIO refuses (an unknown
 /// filter, data format or extension, a NaN with NanHandling::Fail, a file that can't be
