@@ -31,6 +31,7 @@ struct Options {
     std::vector<Operation> operations;
     std::string output;
     int pngCompression = -1;
+    bool texture = false;
     std::string gif;
     float fps = 10.0f;
     std::string exrLayers;
@@ -47,6 +48,8 @@ const char* const kUsage =
     "  -o, --output PATH        convert for PATH's extension (sRGB for png/jpg/..., linear for\n"
     "                           exr/tif) and write there; one input only\n"
     "  --png-compression N      PNG compression level for --output\n"
+    "  --texture                write --output as a tiled, MIP-mapped texture (.tx, .exr, .tif)\n"
+    "                           with maketx's defaults\n"
     "  --op NAME[=ARGS]         an operation, repeatable, applied in order:\n"
     "                             fit=WxH  resize=WxH  cut=X,Y,W,H  rotate=RADIANS\n"
     "                             flatten=R,G,B,A  add-alpha=A  premult  unpremult\n"
@@ -113,6 +116,8 @@ bool parseOptions(int argc, char** argv, Options& options) {
             options.output = value();
         } else if (arg == "--png-compression") {
             options.pngCompression = std::stoi(value());
+        } else if (arg == "--texture") {
+            options.texture = true;
         } else if (arg == "--op") {
             const std::string op = value();
             const auto equals = op.find('=');
@@ -312,9 +317,18 @@ int run(const Options& options) {
     if (!options.output.empty()) {
         ip::Image& image = results.front();
         ip::colorConvertByFormat(image, options.output);
-        written = ip::writeImage(image, options.output, options.pngCompression) && written;
-        if (written) {
-            printInfo(options.output, ip::readImage(options.output));
+        if (options.texture) {
+            written = ip::makeTexture(image, options.output);
+            if (written) {  // the header only: a texture is read by a renderer, level by level
+                const ip::ImageSpec size = ip::getImageSpec(options.output);
+                std::printf("%s: %d x %d texture\n", options.output.c_str(), size.width,
+                            size.height);
+            }
+        } else {
+            written = ip::writeImage(image, options.output, options.pngCompression);
+            if (written) {
+                printInfo(options.output, ip::readImage(options.output));
+            }
         }
     }
     if (!options.gif.empty()) {
