@@ -100,6 +100,8 @@ def median_spread(values: list[float]) -> str:
 class Single:
     maketx: list[float] = dataclasses.field(default_factory=list)
     ours_process: list[float] = dataclasses.field(default_factory=list)
+    host_process: list[float] = dataclasses.field(default_factory=list)
+    host_ratios: list[float] = dataclasses.field(default_factory=list)
     ours_child_work: list[float] = dataclasses.field(default_factory=list)
     ours_in_process: list[float] = dataclasses.field(default_factory=list)
     # Per file and repetition: ours / maketx as processes; (ours, maketx) for the work alone.
@@ -108,7 +110,7 @@ class Single:
 
 
 def single_files(root: pathlib.Path, kinds: list[Kind], per_kind: int, repetitions: int,
-                 maketx: str) -> tuple[dict[str, Single], list[float], list[float]]:
+                 maketx: str, host: str) -> tuple[dict[str, Single], list[float], list[float]]:
     files = []
     for k, kind in enumerate(kinds):
         for i in range(per_kind):
@@ -143,6 +145,12 @@ def single_files(root: pathlib.Path, kinds: list[Kind], per_kind: int, repetitio
                 times["process"] = time.perf_counter() - started
                 child_work = float(done.stdout)
 
+            def with_host() -> None:
+                # The C++ example host: a compiled program against a compiled program.
+                ours.unlink(missing_ok=True)
+                times["host"] = timed(lambda: run([host, str(source), "-o", str(ours), "--texture"],
+                                                  stdout=subprocess.DEVNULL))
+
             def in_process() -> None:
                 ours.unlink(missing_ok=True)
                 started = time.perf_counter()
@@ -150,13 +158,15 @@ def single_files(root: pathlib.Path, kinds: list[Kind], per_kind: int, repetitio
                 assert image and vip.makeTexture(image, ours), source
                 times["in_process"] = time.perf_counter() - started
 
-            contenders = [with_maketx, with_process, in_process]
+            contenders = [with_maketx, with_process, with_host, in_process]
             turn = (repetition + index) % len(contenders)  # each goes first in turn
             for contender in contenders[turn:] + contenders[:turn]:
                 contender()
             single = results[kind.name]
             single.maketx.append(times["maketx"])
             single.ours_process.append(times["process"])
+            single.host_process.append(times["host"])
+            single.host_ratios.append(times["host"] / times["maketx"])
             single.ours_child_work.append(child_work)
             single.ours_in_process.append(times["in_process"])
             single.process_ratios.append(times["process"] / times["maketx"])
@@ -307,6 +317,9 @@ def main() -> int:
     parser.add_argument("--rounds", type=int, default=2, help="rounds of the batch runs")
     parser.add_argument("--workers", type=int, default=2)
     parser.add_argument("--maketx", default=shutil.which("maketx") or "/usr/bin/maketx")
+    parser.add_argument("--host", default=str(pathlib.Path(__file__).resolve().parents[1] / "build"
+                                              / "examples" / "vorel_image_tool"),
+                        help="the example host vorel_image_tool, built with the library")
     parser.add_argument("--skip-batch", action="store_true", help="measure 1 only")
     args = parser.parse_args()
 
@@ -321,7 +334,8 @@ def main() -> int:
     with tempfile.TemporaryDirectory(prefix="vorel_texture_bench_") as temp:
         root = pathlib.Path(temp)
         singles, maketx_start, python_start = single_files(root, kinds, args.per_kind,
-                                                           args.repetitions, args.maketx)
+                                                           args.repetitions, args.maketx,
+                                                           args.host)
         comparisons = {kind.name: compare_with_maketx(root, root / f"single_{k}_0{kind.extension}",
                                                       args.maketx)
                        for k, kind in enumerate(kinds)}
@@ -341,13 +355,14 @@ def main() -> int:
     print(f"Start-up alone: `maketx --version` {median_spread(maketx_start)} s; "
           f"`python3 -c 'import vorel_usd_image_processing'` {median_spread(python_start)} s.")
     print()
-    print("| input | maketx process s | ours, process s | ratio, processes | "
-          "ours, in-process s | ratio, work alone |")
-    print("|---|---:|---:|---:|---:|---:|")
+    print("| input | maketx process s | ours, Python process s | ratio | ours, C++ host process s "
+          "| ratio | ours, in-process s | ratio, work alone |")
+    print("|---|---:|---:|---:|---:|---:|---:|---:|")
     for name, single in singles.items():
         work = [ours / theirs for ours, theirs in single.work_pairs]
         print(f"| {name} | {median_spread(single.maketx)} | {median_spread(single.ours_process)} "
               f"| **{median_spread(single.process_ratios)}** "
+              f"| {median_spread(single.host_process)} | **{median_spread(single.host_ratios)}** "
               f"| {median_spread(single.ours_in_process)} | **{median_spread(work)}** |")
     print()
     print("Ours, readImage + makeTexture timed inside the separate process: " + "; ".join(

@@ -123,7 +123,8 @@ def parse_args(argv: list[str] | None) -> argparse.Namespace:
                           help="a latitude-longitude environment map")
     where = parser.add_mutually_exclusive_group()
     where.add_argument("--workers", type=int, default=os.cpu_count() or 1,
-                       help="worker processes of a local cluster (default: the CPU count)")
+                       help="workers of a local cluster, each with its converter process "
+                            "(default: the CPU count)")
     where.add_argument("--scheduler", metavar="tcp://HOST:PORT", help="an existing Dask cluster")
     parser.add_argument("--report", type=pathlib.Path,
                         help="JSON Lines report (default: OUTDIR/batch-report.jsonl)")
