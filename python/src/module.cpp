@@ -20,6 +20,7 @@
 
 #include "pixel_arrays.h"
 #include "python_logging.h"
+#include "python_assets.h"
 #include "without_gil.h"
 
 // Image.properties is the image's own map, changed in place from Python, not a copy.
@@ -430,6 +431,12 @@ their C++ names and failure values: an empty (falsy) Image, False or 0, with the
     bindMetadata(m);
     bindOperations(m);
     bindIdImages(m);
+#if defined(VOREL_USD_ASSETS)
+    ipy::bindUsdAssets(m);
+    m.attr("usdAssetsAvailable") = true;
+#else
+    m.attr("usdAssetsAvailable") = false;  // built against the stand-in for OpenUSD's Hio
+#endif
     m.attr("__version__") = VOREL_VERSION;
     ipy::installLoggingBridge();
 }

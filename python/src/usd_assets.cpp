@@ -1,0 +1,71 @@
+// Bindings of USD assets as a whole (walk, read, rewrite, package) for the batch converter.
+
+#include "usd_assets.h"
+
+#include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
+
+#include "python_assets.h"
+#include "without_gil.h"
+
+namespace py = pybind11;
+using namespace py::literals;
+namespace assets = vorel::usd::assets;
+namespace ipy = vorel::usd::image_processing::python;
+
+namespace vorel::usd::image_processing::python {
+
+void bindUsdAssets(py::module_& m) {
+    py::class_<assets::AssetTexture>(m, "AssetTexture",
+                                     "One texture as one attribute of one layer names it.")
+        .def_readonly("layer", &assets::AssetTexture::layer)
+        .def_readonly("attribute", &assets::AssetTexture::attribute)
+        .def_readonly("assetPath", &assets::AssetTexture::assetPath)
+        .def_readonly("sourceColorSpace", &assets::AssetTexture::sourceColorSpace)
+        .def_readonly("files", &assets::AssetTexture::files);
+    py::class_<assets::AssetDependencies>(m, "AssetDependencies",
+                                          "What an asset depends on, every path resolved.")
+        .def_readonly("error", &assets::AssetDependencies::error)
+        .def_readonly("rootLayer", &assets::AssetDependencies::rootLayer)
+        .def_readonly("layers", &assets::AssetDependencies::layers)
+        .def_readonly("textures", &assets::AssetDependencies::textures)
+        .def_readonly("files", &assets::AssetDependencies::files)
+        .def_readonly("missing", &assets::AssetDependencies::missing);
+    m.def("findAssetDependencies", ipy::withoutGil(&assets::findAssetDependencies), "assetPath"_a,
+          "The layers, textures and other files of a USD asset, through sublayers, references, "
+          "payloads, variants and clips; `error` says why it doesn't open.");
+    m.def(
+        "writeAsset",
+        [](const assets::AssetDependencies& dependencies,
+           const std::map<std::string, std::string>& outputs,
+           const std::vector<std::optional<std::pair<std::string, std::string>>>& targets) {
+            std::vector<std::optional<assets::TextureTarget>> textureTargets;
+            for (const auto& target : targets) {
+                textureTargets.push_back(target ? std::optional(assets::TextureTarget{
+                                                      target->first, target->second})
+                                                : std::nullopt);
+            }
+            return ipy::callWithoutGil(
+                [&] { return assets::writeAsset(dependencies, outputs, textureTargets); });
+        },
+        "dependencies"_a, "outputs"_a, "targets"_a,
+        "Writes each layer to outputs[layer], texture i pointing at targets[i] = (path, "
+        "sourceColorSpace) unless None, other dependencies at their outputs; OpenUSD's reason "
+        "on failure, else ''.");
+    m.def("checkAsset", ipy::withoutGil(&assets::checkAsset), "assetPath"_a,
+          "What is wrong with an asset: [] when UsdStage::Open opens it and every path resolves.");
+    m.def("packageAsset", ipy::withoutGil(&assets::packageAsset), "rootLayer"_a, "usdzPath"_a,
+          "Packages an asset and its dependencies as a .usdz; OpenUSD's reason on failure, else ''.");
+    m.def(
+        "readAssetBytes",
+        [](const std::string& resolvedPath) -> std::optional<py::bytes> {
+            const auto bytes = ipy::callWithoutGil([&] { return assets::readAssetBytes(resolvedPath); });
+            return bytes ? std::optional(py::bytes(*bytes)) : std::nullopt;
+        },
+        "resolvedPath"_a, "The bytes at a resolved asset path (pkg.usdz[inner] too), or None.");
+    m.def("readAssetImage", ipy::withoutGil(&assets::readAssetImage), "resolvedPath"_a,
+          "The image at a resolved asset path (pkg.usdz[inner] too), as readImage gives it for "
+          "the same file on disk.");
+}
+
+}  // namespace vorel::usd::image_processing::python

@@ -1,0 +1,358 @@
+// USD assets: the textures of an asset's layer stack, read where they lie, and the asset written
+// again to point at converted textures.
+
+#include "usd_assets.h"
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <set>
+#include <tuple>
+#include <unordered_set>
+
+#include <OpenImageIO/filesystem.h>
+#include <OpenImageIO/imageio.h>
+#include <pxr/base/tf/errorMark.h>
+#include <pxr/base/tf/pathUtils.h>
+#include <pxr/usd/ar/asset.h>
+#include <pxr/usd/ar/packageUtils.h>
+#include <pxr/usd/ar/resolver.h>
+#include <pxr/usd/sdf/assetPath.h>
+#include <pxr/usd/sdf/attributeSpec.h>
+#include <pxr/usd/sdf/layer.h>
+#include <pxr/usd/sdf/layerUtils.h>
+#include <pxr/usd/sdf/primSpec.h>
+#include <pxr/usd/sdf/types.h>
+#include <pxr/usd/usd/stage.h>
+#include <pxr/usd/usdShade/udimUtils.h>
+#include <pxr/usd/usdUtils/coalescingDiagnosticDelegate.h>
+#include <pxr/usd/usdUtils/dependencies.h>
+#include <pxr/usd/usdUtils/usdzPackage.h>
+#include <vorel/base/logging.h>
+#include <vorel/base/str_utils.h>
+
+#include "image_reading.h"
+
+namespace vorel::usd::assets {
+
+PXR_NAMESPACE_USING_DIRECTIVE
+
+namespace {
+
+using AssetPathMap = std::function<std::string(const SdfPath& attribute, const std::string& path)>;
+
+/// UsdUVTexture's inputs: the file, and what its samples are.
+const TfToken kFileInput("inputs:file");
+const TfToken kSourceColorSpace("inputs:sourceColorSpace");
+
+/// The errors posted since `mark`, one per line, or `fallback` when there are none. They are
+/// cleared: the caller reports them, so OpenUSD doesn't print them again.
+std::string errorText(const TfErrorMark& mark, const std::string& fallback) {
+    std::string text;
+    for (auto error = mark.GetBegin(); error != mark.GetEnd(); ++error) {
+        text += (text.empty() ? "" : "\n") + error->GetCommentary();
+    }
+    mark.Clear();
+    return text.empty() ? fallback : text;
+}
+
+/// How a layer and a resolved asset path are named throughout: what the resolver gives.
+std::string keyOf(const SdfLayerHandle& layer) {
+    const std::string resolved = layer->GetResolvedPath().GetPathString();
+    return resolved.empty() ? layer->GetIdentifier() : resolved;
+}
+
+std::string resolve(const SdfLayerHandle& layer, const std::string& path) {
+    if (UsdShadeUdimUtils::IsUdimIdentifier(path)) {
+        return UsdShadeUdimUtils::ResolveUdimPath(path, layer);
+    }
+    return ArGetResolver().Resolve(SdfComputeAssetPathRelativeToLayer(layer, path)).GetPathString();
+}
+
+/// The file name inside a package path (pkg.usdz[textures/a.png] gives textures/a.png).
+std::string innermost(std::string path) {
+    while (ArIsPackageRelativePath(path)) {
+        path = ArSplitPackageRelativePathInner(path).second;
+    }
+    return path;
+}
+
+bool namesImage(const std::string& path, const std::unordered_set<std::string>& extensions) {
+    return extensions.count(base::strUtils::toLower(TfGetExtension(innermost(path)))) > 0;
+}
+
+std::unordered_set<std::string> imageExtensions() {
+    std::unordered_set<std::string> extensions;
+    for (const std::string& extension : image_processing::getSupportedImageExtensions()) {
+        extensions.insert(base::strUtils::toLower(extension));
+    }
+    return extensions;
+}
+
+/// `value` with `map` applied to each asset path in it (an SdfAssetPath or an array of them).
+VtValue mapAssetPaths(const VtValue& value, const std::function<std::string(const std::string&)>& map) {
+    if (value.IsHolding<SdfAssetPath>()) {
+        return VtValue(SdfAssetPath(map(value.UncheckedGet<SdfAssetPath>().GetAssetPath())));
+    }
+    if (value.IsHolding<VtArray<SdfAssetPath>>()) {
+        VtArray<SdfAssetPath> paths = value.UncheckedGet<VtArray<SdfAssetPath>>();
+        for (SdfAssetPath& path : paths) {
+            path = SdfAssetPath(map(path.GetAssetPath()));
+        }
+        return VtValue(paths);
+    }
+    return value;
+}
+
+/// Calls `map` on every asset path that an attribute spec of `layer` holds, as default value or
+/// time sample, in variants too; with `write`, each value takes the paths that `map` returns.
+void mapAttributeAssetPaths(const SdfLayerHandle& layer, const AssetPathMap& map, bool write) {
+    std::vector<SdfPath> attributes;  // collected first: writing during a traversal isn't safe
+    layer->Traverse(SdfPath::AbsoluteRootPath(), [&](const SdfPath& path) {
+        if (path.IsPropertyPath()) {
+            attributes.push_back(path);
+        }
+    });
+    for (const SdfPath& path : attributes) {
+        const SdfAttributeSpecHandle spec = layer->GetAttributeAtPath(path);
+        if (!spec || (spec->GetTypeName() != SdfValueTypeNames->Asset &&
+                      spec->GetTypeName() != SdfValueTypeNames->AssetArray)) {
+            continue;
+        }
+        const auto mapHere = [&](const std::string& assetPath) { return map(path, assetPath); };
+        if (spec->HasDefaultValue()) {
+            const VtValue mapped = mapAssetPaths(spec->GetDefaultValue(), mapHere);
+            if (write) {
+                spec->SetDefaultValue(mapped);
+            }
+        }
+        for (const double time : layer->ListTimeSamplesForPath(path)) {
+            VtValue sample;
+            layer->QueryTimeSample(path, time, &sample);
+            const VtValue mapped = mapAssetPaths(sample, mapHere);
+            if (write) {
+                layer->SetTimeSample(path, time, mapped);
+            }
+        }
+    }
+}
+
+/// The sourceColorSpace authored beside a texture's file input on the same prim spec.
+std::string sourceColorSpaceBeside(const SdfLayerHandle& layer, const SdfPath& attribute) {
+    const SdfAttributeSpecHandle spec = layer->GetAttributeAtPath(
+        attribute.GetPrimOrPrimVariantSelectionPath().AppendProperty(kSourceColorSpace));
+    if (!spec || !spec->HasDefaultValue()) {
+        return "";
+    }
+    const VtValue value = spec->GetDefaultValue();
+    return value.IsHolding<TfToken>() ? value.UncheckedGet<TfToken>().GetString() : "";
+}
+
+void setSourceColorSpace(const SdfLayerHandle& layer, const SdfPath& attribute,
+                         const std::string& space) {
+    const SdfPath primPath = attribute.GetPrimOrPrimVariantSelectionPath();
+    const SdfPrimSpecHandle prim = layer->GetPrimAtPath(primPath);
+    if (!prim || space.empty()) {
+        return;
+    }
+    SdfAttributeSpecHandle spec = layer->GetAttributeAtPath(primPath.AppendProperty(kSourceColorSpace));
+    if (!spec) {
+        spec = SdfAttributeSpec::New(prim, kSourceColorSpace.GetString(), SdfValueTypeNames->Token,
+                                     SdfVariabilityUniform);
+    }
+    if (spec) {
+        spec->SetDefaultValue(VtValue(TfToken(space)));
+    }
+}
+
+/// The files of a texture path: the file it resolves to, or the tiles of a UDIM set that exist.
+std::vector<std::string> resolveFiles(const SdfLayerHandle& layer, const std::string& path) {
+    std::vector<std::string> files;
+    if (UsdShadeUdimUtils::IsUdimIdentifier(path)) {
+        for (const auto& [file, tile] : UsdShadeUdimUtils::ResolveUdimTilePaths(path, layer)) {
+            files.push_back(file);
+        }
+    } else if (std::string file = resolve(layer, path); !file.empty()) {
+        files.push_back(std::move(file));
+    }
+    return files;
+}
+
+/// `target` as an asset path written in a layer in `folder`: relative where it can be.
+std::string relativeAssetPath(const std::string& target, const std::filesystem::path& folder) {
+    const std::filesystem::path relative = std::filesystem::path(target).lexically_relative(folder);
+    if (relative.empty()) {
+        return target;
+    }
+    const std::string text = relative.generic_string();
+    return text.rfind("../", 0) == 0 ? text : "./" + text;
+}
+
+}  // namespace
+
+AssetDependencies findAssetDependencies(const std::string& assetPath) {
+    AssetDependencies found;
+    const UsdUtilsCoalescingDiagnosticDelegate quiet;  // what matters is reported in `found`
+    const TfErrorMark mark;
+    const SdfLayerRefPtr root = SdfLayer::FindOrOpen(assetPath);
+    if (!root) {
+        found.error = errorText(mark, "OpenUSD can't open " + assetPath);
+        return found;
+    }
+    std::vector<SdfLayerRefPtr> layers;
+    std::vector<std::string> assets;
+    std::vector<std::string> unresolved;
+    UsdUtilsComputeAllDependencies(SdfAssetPath(assetPath), &layers, &assets, &unresolved);
+    if (!mark.IsClean()) {
+        found.error = errorText(mark, "");
+        return found;
+    }
+    found.rootLayer = keyOf(root);
+    found.layers.push_back(found.rootLayer);
+    const std::unordered_set<std::string> extensions = imageExtensions();
+    std::set<std::tuple<std::string, std::string, std::string>> seen;
+    std::set<std::string> textureFiles;
+    std::set<std::string> missing;
+    for (const SdfLayerRefPtr& layer : layers) {
+        const std::string layerKey = keyOf(layer);
+        if (layerKey != found.rootLayer) {
+            found.layers.push_back(layerKey);
+        }
+        mapAttributeAssetPaths(layer, [&](const SdfPath& attribute, const std::string& path) {
+            if (namesImage(path, extensions) && seen.emplace(layerKey, attribute.GetString(), path).second) {
+                AssetTexture texture{layerKey, attribute.GetString(), path,
+                                     sourceColorSpaceBeside(layer, attribute), resolveFiles(layer, path)};
+                if (texture.files.empty()) {
+                    found.missing.push_back(path + " (in " + layerKey + ")");
+                    missing.insert(SdfComputeAssetPathRelativeToLayer(layer, path));
+                }
+                textureFiles.insert(texture.files.begin(), texture.files.end());
+                found.textures.push_back(std::move(texture));
+            }
+            return path;
+        }, /*write=*/false);
+    }
+    for (std::string& file : assets) {
+        if (textureFiles.count(file) == 0) {
+            found.files.push_back(std::move(file));
+        }
+    }
+    for (const std::string& path : unresolved) {
+        if (missing.count(path) == 0) {
+            found.missing.push_back(path);
+        }
+    }
+    return found;
+}
+
+std::string writeAsset(const AssetDependencies& dependencies,
+                       const std::map<std::string, std::string>& outputs,
+                       const std::vector<std::optional<TextureTarget>>& targets) {
+    const TfErrorMark mark;
+    for (const std::string& layerKey : dependencies.layers) {
+        const auto output = outputs.find(layerKey);
+        const SdfLayerRefPtr source = SdfLayer::FindOrOpen(layerKey);
+        if (output == outputs.end() || !source) {
+            return errorText(mark, "OpenUSD can't open " + layerKey + " again");
+        }
+        const SdfLayerRefPtr copy = SdfLayer::CreateAnonymous();
+        copy->TransferContent(source);
+        const std::filesystem::path folder = std::filesystem::path(output->second).parent_path();
+
+        // Each texture use to its own target first: one file may be colour for one shader and
+        // data for another, which a rewrite by path alone can't tell apart.
+        std::map<std::pair<std::string, std::string>, std::string> textureUses;
+        std::set<std::string> rewritten;
+        for (size_t i = 0; i < dependencies.textures.size() && i < targets.size(); ++i) {
+            const AssetTexture& texture = dependencies.textures[i];
+            if (texture.layer == layerKey && targets[i]) {
+                const std::string path = relativeAssetPath(targets[i]->path, folder);
+                textureUses[{texture.attribute, texture.assetPath}] = path;
+                rewritten.insert(path);
+                if (SdfPath(texture.attribute).GetNameToken() == kFileInput) {
+                    setSourceColorSpace(copy, SdfPath(texture.attribute), targets[i]->sourceColorSpace);
+                }
+            }
+        }
+        mapAttributeAssetPaths(copy, [&](const SdfPath& attribute, const std::string& path) {
+            const auto use = textureUses.find({attribute.GetString(), path});
+            return use == textureUses.end() ? path : use->second;
+        }, /*write=*/true);
+
+        // Then layers and other files to their copies; what has none, to where it lies now.
+        UsdUtilsModifyAssetPaths(copy, [&](const std::string& path) {
+            if (path.empty() || rewritten.count(path) > 0) {
+                return path;
+            }
+            const std::string resolved = resolve(source, path);
+            if (resolved.empty()) {
+                return path;
+            }
+            const auto copied = outputs.find(resolved);
+            return copied == outputs.end() ? resolved : relativeAssetPath(copied->second, folder);
+        });
+        std::filesystem::create_directories(folder);
+        if (!copy->Export(output->second)) {
+            return errorText(mark, "OpenUSD couldn't write " + output->second);
+        }
+    }
+    return mark.IsClean() ? "" : errorText(mark, "");
+}
+
+std::vector<std::string> checkAsset(const std::string& assetPath) {
+    const UsdUtilsCoalescingDiagnosticDelegate quiet;  // what matters is in the result
+    const TfErrorMark mark;
+    if (!UsdStage::Open(assetPath)) {
+        return {errorText(mark, "UsdStage::Open can't open " + assetPath)};
+    }
+    std::vector<SdfLayerRefPtr> layers;
+    std::vector<std::string> assets;
+    std::vector<std::string> unresolved;
+    UsdUtilsComputeAllDependencies(SdfAssetPath(assetPath), &layers, &assets, &unresolved);
+    std::vector<std::string> problems;
+    if (!mark.IsClean()) {
+        problems.push_back(errorText(mark, ""));
+    }
+    for (const std::string& path : unresolved) {
+        problems.push_back(path + " resolves to nothing");
+    }
+    return problems;
+}
+
+std::string packageAsset(const std::string& rootLayer, const std::string& usdzPath) {
+    const UsdUtilsCoalescingDiagnosticDelegate quiet;  // a file it can't add is an error too
+    const TfErrorMark mark;
+    const bool packaged = UsdUtilsCreateNewUsdzPackage(SdfAssetPath(rootLayer), usdzPath);
+    if (packaged && mark.IsClean()) {
+        return "";
+    }
+    return errorText(mark, "OpenUSD couldn't package " + rootLayer + " as " + usdzPath);
+}
+
+std::optional<std::string> readAssetBytes(const std::string& resolvedPath) {
+    const TfErrorMark mark;
+    const std::shared_ptr<ArAsset> asset = ArGetResolver().OpenAsset(ArResolvedPath(resolvedPath));
+    const std::shared_ptr<const char> bytes = asset ? asset->GetBuffer() : nullptr;
+    mark.Clear();
+    if (!bytes) {
+        return std::nullopt;
+    }
+    return std::string(bytes.get(), asset->GetSize());
+}
+
+image_processing::Image readAssetImage(const std::string& resolvedPath) {
+    std::string failure = "OpenUSD's resolver can't open it";
+    if (const std::optional<std::string> bytes = readAssetBytes(resolvedPath)) {
+        OIIO::Filesystem::IOMemReader memory(bytes->data(), bytes->size());
+        // The reader is chosen by the extension of the name inside the package.
+        image_processing::Image image = image_processing::readOpenedImage(
+            OIIO::ImageInput::open(innermost(resolvedPath), nullptr, &memory), failure);
+        if (image.buffer.initialized()) {
+            return image;
+        }
+    }
+    VOREL_LOG(warn, "Couldn't read image {}:\n{}", resolvedPath, failure);
+    return {};
+}
+
+}  // namespace vorel::usd::assets

@@ -1,0 +1,71 @@
+#pragma once
+
+// USD assets as a whole: the textures that an asset's layers name, reading them where they lie
+// (in a .usdz package too), and writing the asset again to point at converted textures. Built on
+// OpenUSD's UsdUtils when the library is built against a real OpenUSD; the batch converter is its
+// user, through the Python module. Not part of the library's own functions.
+
+#include <map>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <vorel/usd/image_processing/image_processing.h>
+
+namespace vorel::usd::assets {
+
+/// One texture as one attribute of one layer names it.
+struct AssetTexture {
+    std::string layer;             ///< the layer's resolved path (pkg.usdz[inner] in a package)
+    std::string attribute;         ///< the attribute spec's path in that layer
+    std::string assetPath;         ///< as authored; a UDIM set keeps its "<UDIM>"
+    std::string sourceColorSpace;  ///< authored beside it on the shader: "raw", "sRGB", "auto" or ""
+    std::vector<std::string> files;  ///< resolved: the file, or the tiles of a UDIM set that exist
+};
+
+/// Everything an asset depends on, through sublayers, references, payloads, variants and clips.
+struct AssetDependencies {
+    std::string error;                 ///< OpenUSD's reason when the asset doesn't open; else empty
+    std::string rootLayer;             ///< resolved
+    std::vector<std::string> layers;   ///< resolved, the root layer first
+    std::vector<AssetTexture> textures;
+    std::vector<std::string> files;    ///< other dependencies (MaterialX documents, ...), resolved
+    std::vector<std::string> missing;  ///< "PATH (in LAYER)" for each path that resolves to nothing
+};
+
+/// A texture's new file, relative to nothing (an absolute path or a UDIM pattern), and the
+/// sourceColorSpace that its shader is to say for it.
+struct TextureTarget {
+    std::string path;
+    std::string sourceColorSpace;
+};
+
+/// The asset at `assetPath` and all it depends on; `error` says why it doesn't open.
+AssetDependencies findAssetDependencies(const std::string& assetPath);
+
+/// Writes every layer of `dependencies` to `outputs[layer]`, its asset paths rewritten: each
+/// texture i with a target to `targets[i]` (relative to the written layer), other dependencies
+/// found in `outputs` to their outputs, the rest to where they resolve now. Returns OpenUSD's
+/// reason on failure, else an empty string.
+std::string writeAsset(const AssetDependencies& dependencies,
+                       const std::map<std::string, std::string>& outputs,
+                       const std::vector<std::optional<TextureTarget>>& targets);
+
+/// What is wrong with a written asset: empty when UsdStage::Open opens it and every asset path of
+/// it resolves; otherwise OpenUSD's reason or one line per path that resolves to nothing.
+std::vector<std::string> checkAsset(const std::string& assetPath);
+
+/// Packages the asset whose root layer is `rootLayer`, and what it depends on, into `usdzPath`.
+/// Returns OpenUSD's reason on failure, else an empty string.
+std::string packageAsset(const std::string& rootLayer, const std::string& usdzPath);
+
+/// The bytes of a resolved asset path (pkg.usdz[inner] too), through OpenUSD's resolver.
+std::optional<std::string> readAssetBytes(const std::string& resolvedPath);
+
+/// An image at a resolved asset path, decoded from its bytes by OpenImageIO's reader for its
+/// extension: what readImage gives for the same file on disk, or the empty Image and, at warn,
+/// "Couldn't read image {path}:\n{text}".
+image_processing::Image readAssetImage(const std::string& resolvedPath);
+
+}  // namespace vorel::usd::assets
