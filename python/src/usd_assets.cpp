@@ -63,6 +63,9 @@ void bindUsdAssets(py::module_& m) {
             return bytes ? std::optional(py::bytes(*bytes)) : std::nullopt;
         },
         "resolvedPath"_a, "The bytes at a resolved asset path (pkg.usdz[inner] too), or None.");
+    m.def("readAssetImageFormat", ipy::withoutGil(&assets::readAssetImageFormat), "resolvedPath"_a,
+          "(channels, sample type) of the image at a resolved asset path, from its header; or "
+          "None.");
     m.def("readAssetImage", ipy::withoutGil(&assets::readAssetImage), "resolvedPath"_a,
           "The image at a resolved asset path (pkg.usdz[inner] too), as readImage gives it for "
           "the same file on disk.");

@@ -1,6 +1,9 @@
-"""Converts many image files on Dask: read, operations, colour for the target, write.
+"""Converts many image files and USD assets on Dask: read, operations, colour for the target, write.
 
     python3 -m vorel_usd_image_processing.batch INPUT... -o OUTDIR --ext .png [--op NAME=ARGS]...
+
+An input ending in .usd, .usda, .usdc or .usdz is a USD asset: every texture it uses is converted,
+and the asset is written under OUTDIR (or packaged, with --usdz) to point at the new files.
 
 Every input is reported exactly once, as a line of JSON, with the status converted, failed,
 crashed, timed_out or skipped. Each Dask worker converts in a child process of its own, so that a
@@ -8,6 +11,6 @@ file on which one of OpenImageIO's readers aborts costs that child, not the work
 
 Modules: job (what travels to a worker), inputs (finding inputs, planning outputs), operations
 (--op), convert (one file, in the converter process), converters (the converter processes and the
-cluster), update (the record kept with each output, and --update), cli (the command line,
-progress and report).
+cluster), update (the record kept with each output, and --update), assets (USD assets: their
+textures as jobs, and the asset written again), cli (the command line, progress and report).
 """

@@ -14,6 +14,7 @@ from typing import Any, Iterator
 import vorel_usd_image_processing as vip
 
 from . import __doc__ as _package_doc
+from .assets import PACKAGE_EXTENSIONS, finish
 from .inputs import plan
 from .job import Job, Result, Texture
 from .operations import OPERATIONS, parse_op
@@ -105,6 +106,9 @@ def parse_args(argv: list[str] | None) -> argparse.Namespace:
     parser.add_argument("--op", action="append", default=[], type=parse_op, metavar="NAME=ARGS",
                         help=f"an operation, applied in order: {', '.join(OPERATIONS)}")
     parser.add_argument("--png-compression", type=int, default=-1, metavar="N")
+    parser.add_argument("--usdz", action="store_true",
+                        help="write each USD asset input as one .usdz package (--ext .png, .jpg "
+                             "or .jpeg) instead of a folder of its layers and textures")
     textures = parser.add_argument_group("textures")
     textures.add_argument("--texture", action="store_true",
                           help="make every output a tiled, MIP-mapped texture (--ext .tx, .exr, "
@@ -145,6 +149,8 @@ def parse_args(argv: list[str] | None) -> argparse.Namespace:
         parser.error("INPUT, -o OUTDIR and --ext are required")
     args.ext = args.ext if args.ext.startswith(".") else "." + args.ext
     given = [f"--{name.replace('_', '-')}" for name in TEXTURE_FLAGS if vars(args)[name]]
+    if args.usdz and args.ext.lower() not in PACKAGE_EXTENSIONS:
+        parser.error(f"--usdz packages hold {', '.join(PACKAGE_EXTENSIONS)} textures, not {args.ext}")
     if args.texture:
         if args.ext.lower() not in TEXTURE_EXTENSIONS:
             parser.error(f"--texture writes {', '.join(TEXTURE_EXTENSIONS)}, not {args.ext}")
@@ -160,7 +166,8 @@ def parse_args(argv: list[str] | None) -> argparse.Namespace:
 
 def main(argv: list[str] | None = None) -> int:
     args = parse_args(argv)
-    skipped, pending = triage(plan(args), args)
+    jobs, assets = plan(args)
+    skipped, pending = triage(jobs, args)
     converted: Iterator[Result] = iter(())
     if pending:  # the cluster only when there is something to convert
         try:
@@ -170,10 +177,14 @@ def main(argv: list[str] | None = None) -> int:
         converted = run_on_cluster(pending, args.workers, args.scheduler)
     report = args.report or args.output / "batch-report.jsonl"
     report.parent.mkdir(parents=True, exist_ok=True)
-    progress = Progress(len(skipped) + len(pending), args.quiet)
+    progress = Progress(len(skipped) + len(pending) + len(assets), args.quiet)
     all_done = True
+    done: dict[str, Result] = {}  # by output: what the assets point at
     with report.open("w") as lines:
-        for result in itertools.chain(skipped, converted):
+        # An asset is written when all textures are done: any of them may be one of its.
+        finished = (finish(asset, done, args.usdz) for asset in assets)
+        for result in itertools.chain(skipped, converted, finished):
+            done[result["output"]] = result
             lines.write(json.dumps(result) + "\n")
             lines.flush()
             progress.add(result["status"])

@@ -12,6 +12,7 @@ from typing import IO
 import vorel_usd_image_processing as vip
 
 from . import update
+from .assets import is_packaged
 from .job import Job, Result, Texture
 from .operations import OPERATIONS
 
@@ -42,7 +43,7 @@ def convert(job: Job, lines: _Lines) -> Result:
         record = update.source_record(job)
     except OSError:
         record = {}  # readImage fails below with the library's line
-    image = vip.readImage(job.source)
+    image = vip.readAssetImage(job.source) if is_packaged(job.source) else vip.readImage(job.source)
     if not image:
         return failed("readImage")
     for op in job.ops:
@@ -53,7 +54,10 @@ def convert(job: Job, lines: _Lines) -> Result:
             return job.result("failed", f"--op {op}: {error}", started)
         if not image:
             return failed(f"--op {op}")
-    vip.colorConvertByFormat(image, job.output)
+    if job.usage == "raw":  # data: no colour space, nothing converted
+        vip.setColorSpace(image, "raw")
+    else:
+        vip.colorConvertByFormat(image, job.output)
     if not image:
         return failed("colorConvertByFormat")
     os.makedirs(os.path.dirname(job.output) or ".", exist_ok=True)
@@ -63,7 +67,7 @@ def convert(job: Job, lines: _Lines) -> Result:
             return failed("makeTexture")
     elif not vip.writeImage(image, job.partial, job.png_compression):
         return failed("writeImage")
-    color_space = written_color_space(job, image)
+    color_space = "raw" if job.usage == "raw" else written_color_space(job, image)
     update.keep(job, record, color_space)
     return job.result("converted", "", started, color_space)
 

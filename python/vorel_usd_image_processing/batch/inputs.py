@@ -10,6 +10,9 @@ import pathlib
 import sys
 from typing import Iterator
 
+import vorel_usd_image_processing as vip
+
+from .assets import Asset, Planner, is_asset
 from .job import Job
 
 
@@ -35,8 +38,9 @@ def find_inputs(inputs: list[str]) -> Iterator[tuple[str, pathlib.Path]]:
             yield given, pathlib.Path(given).parent
 
 
-def plan(args: argparse.Namespace) -> list[Job]:
-    """A job per input; exits with status 2 when two inputs would land on one output."""
+def plan(args: argparse.Namespace) -> tuple[list[Job], list[Asset]]:
+    """A job per file input and per texture of the asset inputs; exits with status 2 when two
+    file inputs would land on one output or an asset can't be read by this build."""
     attributes: tuple[tuple[str, int], ...] = ()
     if args.untrusted:
         attributes = (("limits:imagesize_MB", args.max_image_mb),
@@ -44,14 +48,15 @@ def plan(args: argparse.Namespace) -> list[Job]:
     if not args.scheduler:
         # The local workers share this machine's cores with OpenImageIO's threads in each.
         attributes += (("threads", max(1, (os.cpu_count() or 1) // args.workers)),)
-    jobs: list[Job] = []
-    claimed: dict[str, str] = {}
-    for given, folder in find_inputs(args.inputs):
-        relative = pathlib.Path(given).relative_to(folder)
-        output = str((args.output / relative).with_suffix(args.ext).absolute())
-        if output in claimed:
-            sys.exit(f"batch: {claimed[output]} and {given} would both be written to {output}")
-        claimed[output] = given
-        jobs.append(Job(given, str(pathlib.Path(given).absolute()), output, tuple(args.op),
-                        args.png_compression, attributes, args.timeout, args.texture))
-    return jobs
+    planner = Planner(args, attributes)
+    found = list(find_inputs(args.inputs))
+    assets = [(given, folder) for given, folder in found if is_asset(given)]
+    if assets and not vip.usdAssetsAvailable:
+        sys.exit(f"batch: {assets[0][0]} is a USD asset, and USD assets need a build of "
+                 f"vorel_usd_image_processing against OpenUSD; this one uses its stand-in")
+    # Assets first: a texture given as a file too is then the same job.
+    planned = [planner.asset(given, folder) for given, folder in assets]
+    for given, folder in found:
+        if not is_asset(given):
+            planner.file(given, folder)
+    return list(planner.jobs.values()), planned

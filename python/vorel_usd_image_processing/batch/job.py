@@ -34,6 +34,8 @@ class Job:
     attributes: tuple[tuple[str, int], ...] = ()  # OpenImageIO's, set in each converter
     timeout: float | None = None
     texture: Texture | None = None  # writeImage without
+    usage: str = ""  # "raw": data, written without colour conversion; else the colour policy
+    asset: str = ""  # the asset input whose texture this is (the first, when several use it)
 
     @property
     def partial(self) -> str:
@@ -57,5 +59,6 @@ class Job:
                color_space: str = "") -> Result:
         """A report entry; seconds since `started` (time.monotonic), 0 without it."""
         seconds = round(time.monotonic() - started, 3) if started is not None else 0.0
-        return {"input": self.input, "status": status, "output": self.output, "reason": reason,
-                "color_space": color_space, "seconds": seconds}
+        result = {"input": self.input, "status": status, "output": self.output, "reason": reason,
+                  "color_space": color_space, "seconds": seconds}
+        return {**result, "asset": self.asset} if self.asset else result

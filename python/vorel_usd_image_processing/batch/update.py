@@ -20,6 +20,7 @@ from typing import Any
 
 import vorel_usd_image_processing as vip
 
+from .assets import outer_file
 from .job import Job, Result
 
 ATTRIBUTE = "vorel:batch"
@@ -36,14 +37,15 @@ def options_digest(job: Job) -> str:
     extension = pathlib.Path(job.output).suffix.lower()
     options = {"ops": job.ops, "extension": extension, "library": vip.__version__,
                "png_compression": job.png_compression if extension == ".png" else None,
-               "texture": dataclasses.asdict(job.texture) if job.texture else None}
+               "texture": dataclasses.asdict(job.texture) if job.texture else None,
+               "usage": job.usage}
     return hashlib.sha256(json.dumps(options, sort_keys=True).encode()).hexdigest()
 
 
 def source_record(job: Job) -> Record:
     """The record of the job's source as it is now; reads all of its bytes."""
-    stat = os.stat(job.source)
-    with open(job.source, "rb") as source:
+    stat = os.stat(outer_file(job.source))
+    with open(outer_file(job.source), "rb") as source:
         digest = hashlib.file_digest(source, "sha256").hexdigest()
     return {"options": options_digest(job), "size": stat.st_size, "mtime_ns": stat.st_mtime_ns,
             "sha256": digest}
@@ -101,7 +103,7 @@ def up_to_date(job: Job) -> Result | None:
     if record is None or record.get("options") != options_digest(job):
         return None
     try:
-        stat = os.stat(job.source)
+        stat = os.stat(outer_file(job.source))
         if "output_size" in record and os.stat(job.output).st_size != record["output_size"]:
             return None
     except OSError:

@@ -340,6 +340,25 @@ std::optional<std::string> readAssetBytes(const std::string& resolvedPath) {
     return std::string(bytes.get(), asset->GetSize());
 }
 
+std::optional<std::pair<int, std::string>> readAssetImageFormat(const std::string& resolvedPath) {
+    std::optional<std::string> bytes;
+    std::unique_ptr<OIIO::Filesystem::IOMemReader> memory;
+    if (ArIsPackageRelativePath(resolvedPath)) {
+        bytes = readAssetBytes(resolvedPath);
+        if (!bytes) {
+            return std::nullopt;
+        }
+        memory = std::make_unique<OIIO::Filesystem::IOMemReader>(bytes->data(), bytes->size());
+    }
+    const std::unique_ptr<OIIO::ImageInput> in =
+        OIIO::ImageInput::open(innermost(resolvedPath), nullptr, memory.get());
+    OIIO::geterror(true);  // a file that no reader takes leaves no text pending
+    if (!in) {
+        return std::nullopt;
+    }
+    return std::pair(in->spec().nchannels, std::string(in->spec().format.c_str()));
+}
+
 image_processing::Image readAssetImage(const std::string& resolvedPath) {
     std::string failure = "OpenUSD's resolver can't open it";
     if (const std::optional<std::string> bytes = readAssetBytes(resolvedPath)) {

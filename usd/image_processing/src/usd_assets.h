@@ -63,6 +63,10 @@ std::string packageAsset(const std::string& rootLayer, const std::string& usdzPa
 /// The bytes of a resolved asset path (pkg.usdz[inner] too), through OpenUSD's resolver.
 std::optional<std::string> readAssetBytes(const std::string& resolvedPath);
 
+/// The channel count and sample type (OpenImageIO's name, such as "uint8" or "half") of an image
+/// at a resolved asset path, from its header alone; nothing when no reader takes it.
+std::optional<std::pair<int, std::string>> readAssetImageFormat(const std::string& resolvedPath);
+
 /// An image at a resolved asset path, decoded from its bytes by OpenImageIO's reader for its
 /// extension: what readImage gives for the same file on disk, or the empty Image and, at warn,
 /// "Couldn't read image {path}:\n{text}".

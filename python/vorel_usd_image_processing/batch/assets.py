@@ -1,0 +1,237 @@
+"""USD assets as inputs: each texture an asset uses becomes a job, and when they are done the asset
+is written again (or packaged) to point at the converted files.
+
+Outputs keep the layout of the inputs: a dependency below the input's folder lands at the same
+place below the output folder, one elsewhere under ``_external/`` with its absolute path, and what
+lies inside a ``.usdz`` in a folder named after the package. A texture used the same way by several
+shaders or assets is one job; one used both as colour and as data is two, the data one named
+``NAME.raw.EXT`` (and ``NAME.SRCEXT.EXT`` where two sources would meet in one name).
+"""
+
+from __future__ import annotations
+
+import argparse
+import dataclasses
+import os
+import pathlib
+import re
+import shutil
+import sys
+import time
+import zipfile
+from typing import Any
+
+import vorel_usd_image_processing as vip
+
+from .job import Job, Result
+
+ASSET_EXTENSIONS = (".usd", ".usda", ".usdc", ".usdz")
+PACKAGE_EXTENSIONS = (".png", ".jpg", ".jpeg")  # the textures a .usdz may hold
+_PACKAGED = re.compile(r"^(.*\.usdz)\[(.*)\]$", re.IGNORECASE)
+_UDIM = "<UDIM>"
+
+
+def is_asset(path: str) -> bool:
+    return pathlib.Path(path).suffix.lower() in ASSET_EXTENSIONS
+
+
+def outer_file(source: str) -> str:
+    """The file on disk that holds a source: the package of pkg.usdz[inner], else itself."""
+    packaged = _PACKAGED.match(source)
+    return outer_file(packaged[1]) if packaged else source
+
+
+def is_packaged(source: str) -> bool:
+    return _PACKAGED.match(source) is not None
+
+
+def usage(texture: Any, file: str) -> str:
+    """"raw" for data (never colour-converted), "color" for the colour policy of the target.
+
+    An authored "raw" or "sRGB" decides; otherwise OpenUSD's own rule for "auto" does: 8-bit
+    images of 3 or 4 channels are sRGB colour, the rest is used as it is, which for half and float
+    samples is linear colour and for others (a one-channel roughness PNG) data.
+    """
+    if texture.sourceColorSpace in ("raw", "sRGB"):
+        return "raw" if texture.sourceColorSpace == "raw" else "color"
+    found = vip.readAssetImageFormat(file)
+    if found is None:
+        return "color"  # the job fails with the reader's own reason
+    channels, sample_type = found
+    if sample_type in ("half", "float", "double") or (sample_type == "uint8" and channels in (3, 4)):
+        return "color"
+    return "raw"
+
+
+@dataclasses.dataclass
+class Use:
+    """One texture use of an asset: the path its shader is to name, and the jobs behind it."""
+
+    target: str  # an output file, or a UDIM pattern of outputs
+    usage: str
+    outputs: list[str]
+
+
+@dataclasses.dataclass
+class Asset:
+    input: str
+    output: str  # the written root layer, or the package with --usdz
+    dependencies: Any = None  # vip.AssetDependencies
+    outputs: dict[str, str] = dataclasses.field(default_factory=dict)  # layers and other files
+    uses: list[Use | None] = dataclasses.field(default_factory=list)  # None: missing
+    root_layer: str = ""  # where the root layer is written
+    error: str = ""
+
+    def result(self, status: str, reason: str, started: float) -> Result:
+        return {"input": self.input, "status": status, "output": self.output, "reason": reason,
+                "color_space": "", "seconds": round(time.monotonic() - started, 3),
+                "asset": self.input}
+
+
+class Planner:
+    """Gives every dependency of the assets its output, and every texture file its job."""
+
+    def __init__(self, args: argparse.Namespace, attributes: tuple[tuple[str, int], ...]) -> None:
+        self.args, self.attributes = args, attributes
+        self.jobs: dict[tuple[str, str], Job] = {}  # (source, usage) → its job
+        self.claimed: dict[str, tuple[str, str]] = {}  # output → (source, usage)
+
+    def location(self, resolved: str, folder: pathlib.Path) -> pathlib.Path:
+        """Where a dependency lands below the output folder."""
+        packaged = _PACKAGED.match(resolved)
+        if packaged:
+            return self.location(packaged[1], folder).with_suffix("") / packaged[2]
+        path = pathlib.Path(resolved)
+        try:
+            return self.args.output.absolute() / path.relative_to(folder.absolute())
+        except ValueError:
+            return self.args.output.absolute() / "_external" / path.relative_to(path.anchor)
+
+    def job(self, given: str, source: str, kind: str, place: pathlib.Path, asset: str = "") -> Job:
+        """The job of `source` used as `kind`, made on its first use under a free name."""
+        if (source, kind) in self.jobs:
+            return self.jobs[(source, kind)]
+        ext = self.args.ext
+        base = place.with_suffix(ext)
+        from_ext = place.suffix.lstrip(".").lower()
+        names = [base, base.with_name(f"{base.stem}.{kind}{ext}"),
+                 base.with_name(f"{base.stem}.{from_ext}{ext}"),
+                 base.with_name(f"{base.stem}.{from_ext}.{kind}{ext}")]
+        if kind == "color":
+            names = [base, names[2]]
+        names += [base.with_name(f"{base.stem}.{n}{ext}") for n in range(2, 1000)]
+        output = str(next(name for name in names if str(name) not in self.claimed))
+        self.claimed[output] = (source, kind)
+        job = Job(given, source, output, tuple(self.args.op), self.args.png_compression,
+                  self.attributes, self.args.timeout, self.args.texture,
+                  usage="raw" if kind == "raw" else "", asset=asset)
+        self.jobs[(source, kind)] = job
+        return job
+
+    def file(self, given: str, folder: pathlib.Path) -> None:
+        """A file input: the colour policy, the job an asset may already have made of it."""
+        source = str(pathlib.Path(given).absolute())
+        place = self.location(source, folder)
+        taken = self.claimed.get(str(place.with_suffix(self.args.ext)))
+        if taken is not None and taken[0] != source:
+            sys.exit(f"batch: {taken[0]} and {given} would both be written to "
+                     f"{place.with_suffix(self.args.ext)}")
+        self.job(given, source, "color", place)
+
+    def asset(self, given: str, folder: pathlib.Path) -> Asset:
+        source = str(pathlib.Path(given).absolute())
+        place = self.location(source, folder)
+        asset = Asset(given, str(place.with_suffix(".usdz") if self.args.usdz else place))
+        found = vip.findAssetDependencies(source)
+        asset.dependencies = found
+        if found.error:
+            asset.error = found.error
+            return asset
+        root = place
+        if place.suffix.lower() == ".usdz":  # written out as a folder of its layers and textures
+            with zipfile.ZipFile(source) as package:
+                root = place.with_suffix("") / package.namelist()[0]
+        asset.root_layer = str(root)
+        if not self.args.usdz:
+            asset.output = asset.root_layer
+        asset.outputs = {layer: str(self.location(layer, folder)) for layer in found.layers}
+        asset.outputs[found.rootLayer] = asset.root_layer
+        asset.outputs.update({file: str(self.location(file, folder)) for file in found.files})
+        kinds = [usage(texture, texture.files[0]) if texture.files else "" for texture in found.textures]
+        asset.uses = [None] * len(kinds)
+        # Colour first: a file that is also data keeps its own name for its colour use.
+        for kind in ("color", "raw"):
+            for at, texture in enumerate(found.textures):
+                if kinds[at] == kind:
+                    asset.uses[at] = self.use(texture, kind, asset, folder)
+        return asset
+
+    def use(self, texture: Any, kind: str, asset: Asset, folder: pathlib.Path) -> Use:
+        jobs = [self.job(file, file, kind, self.location(file, folder), asset.input)
+                for file in texture.files]
+        target = pathlib.Path(jobs[0].output)
+        if _UDIM in texture.assetPath:
+            # The first tile's output with its four digits back to <UDIM>: names keep the part
+            # before them.
+            at = len(pathlib.PurePosixPath(texture.assetPath).name.split(_UDIM)[0])
+            target = target.with_name(target.name[:at] + _UDIM + target.name[at + 4:])
+        return Use(str(target), kind, [job.output for job in jobs])
+
+
+def copy_dependency(source: str, output: str) -> str:
+    """Copies a file that is not converted (a MaterialX document, ...); a reason on failure."""
+    os.makedirs(os.path.dirname(output), exist_ok=True)
+    if is_packaged(source):
+        data = vip.readAssetBytes(source)
+        if data is None:
+            return f"{source} can't be read"
+        pathlib.Path(output).write_bytes(data)
+        return ""
+    try:
+        shutil.copyfile(source, output)
+    except OSError as error:
+        return f"{source}: {error.strerror}"
+    return ""
+
+
+def space(result: Result) -> str:
+    """The colour space of a converted texture; a skipped one's, its file's."""
+    return result["color_space"] or vip.getFileStringAttribute(result["output"], "oiio:ColorSpace")
+
+
+def finish(asset: Asset, results: dict[str, Result], usdz: bool) -> Result:
+    """Writes the asset once its textures are done, and checks that it opens and resolves."""
+    started = time.monotonic()
+    if asset.error:
+        return asset.result("failed", asset.error, started)
+    found = asset.dependencies
+    problems = [f"missing: {path}" for path in found.missing]
+    targets: list[tuple[str, str] | None] = []
+    for texture, use in zip(found.textures, asset.uses):
+        done = [results.get(output) for output in use.outputs] if use else []
+        bad = [result["input"] for result in done
+               if result is None or result["status"] not in ("converted", "skipped")]
+        if use is None or bad:
+            problems += [f"not converted: {name}" for name in bad]
+            targets.append(None)
+            continue
+        srgb = all(space(result) == "sRGB" for result in done if result)
+        targets.append((use.target, "sRGB" if use.usage == "color" and srgb else "raw"))
+    problems += filter(None, (copy_dependency(file, asset.outputs[file]) for file in found.files))
+    written = vip.writeAsset(found, asset.outputs, targets)
+    if written:
+        problems.append(written)
+    else:
+        problems += vip.checkAsset(asset.root_layer)
+        if usdz:
+            problems += filter(None, [vip.packageAsset(asset.root_layer, asset.output)])
+            for layer_or_file in asset.outputs.values():  # the package holds them now
+                pathlib.Path(layer_or_file).unlink(missing_ok=True)
+                try:
+                    os.removedirs(os.path.dirname(layer_or_file))
+                except OSError:
+                    pass  # a folder that holds more (converted textures)
+            if os.path.exists(asset.output):
+                problems += vip.checkAsset(asset.output)
+    unique = list(dict.fromkeys(problems))
+    return asset.result("failed" if unique else "converted", "; ".join(unique), started)
