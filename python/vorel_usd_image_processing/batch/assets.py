@@ -101,11 +101,11 @@ class Planner:
         packaged = _PACKAGED.match(resolved)
         if packaged:
             return self.location(packaged[1], folder).with_suffix("") / packaged[2]
-        path = pathlib.Path(resolved)
+        path, output = pathlib.Path(resolved), pathlib.Path(self.args.output).absolute()
         try:
-            return self.args.output.absolute() / path.relative_to(folder.absolute())
+            return output / path.relative_to(folder.absolute())
         except ValueError:
-            return self.args.output.absolute() / "_external" / path.relative_to(path.anchor)
+            return output / "_external" / path.relative_to(path.anchor)
 
     def job(self, given: str, source: str, kind: str, place: pathlib.Path, asset: str = "") -> Job:
         """The job of `source` used as `kind`, made on its first use under a free name."""
@@ -208,14 +208,14 @@ def finish(asset: Asset, results: dict[str, Result], usdz: bool) -> Result:
     problems = [f"missing: {path}" for path in found.missing]
     targets: list[tuple[str, str] | None] = []
     for texture, use in zip(found.textures, asset.uses):
-        done = [results.get(output) for output in use.outputs] if use else []
-        bad = [result["input"] for result in done
-               if result is None or result["status"] not in ("converted", "skipped")]
+        done = [results.get(output, {"input": output, "status": ""}) for output in use.outputs] \
+            if use else []
+        bad = [result["input"] for result in done if result["status"] not in ("converted", "skipped")]
         if use is None or bad:
             problems += [f"not converted: {name}" for name in bad]
             targets.append(None)
             continue
-        srgb = all(space(result) == "sRGB" for result in done if result)
+        srgb = all(space(result) == "sRGB" for result in done)
         targets.append((use.target, "sRGB" if use.usage == "color" and srgb else "raw"))
     problems += filter(None, (copy_dependency(file, asset.outputs[file]) for file in found.files))
     written = vip.writeAsset(found, asset.outputs, targets)
