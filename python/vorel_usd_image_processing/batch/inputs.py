@@ -52,8 +52,10 @@ def plan(args: argparse.Namespace) -> tuple[list[Job], list[Asset]]:
     found = list(find_inputs(args.inputs))
     assets = [(given, folder) for given, folder in found if is_asset(given)]
     if assets and not vip.usdAssetsAvailable:
-        sys.exit(f"batch: {assets[0][0]} is a USD asset, and USD assets need a build of "
-                 f"vorel_usd_image_processing against OpenUSD; this one uses its stand-in")
+        print(f"batch: {assets[0][0]} is a USD asset, and USD assets need a build of "
+              f"vorel_usd_image_processing against OpenUSD; this one uses its stand-in",
+              file=sys.stderr)
+        raise SystemExit(2)
     # Assets first: a texture given as a file too is then the same job.
     planned = [planner.asset(given, folder) for given, folder in assets]
     for given, folder in found:

@@ -1,0 +1,153 @@
+"""USD assets through the batch converter, on assets written here (a build against OpenUSD only)."""
+import json
+import logging
+import re
+import subprocess
+
+import numpy as np
+import pytest
+
+import vorel_usd_image_processing as vip
+from conftest import LOGGER, gradient
+from test_batch import BATCH, CAPTURED
+
+needs_openusd = pytest.mark.skipif(
+    not vip.usdAssetsAvailable,
+    reason="USD assets need a build against OpenUSD with UsdUtils; this build uses the stand-in")
+MATERIAL = """#usda 1.0
+def Material "Mat"
+{{
+    asset notes = @../textures/notes.txt@
+{shaders}}}
+"""
+SHADER = """    def Shader "{name}"
+    {{
+        uniform token info:id = "UsdUVTexture"
+        asset inputs:file = @../textures/{file}@
+{space}    }}
+"""
+ROOT = """#usda 1.0
+def Xform "Model" (prepend references = @./layers/material.usda@</Mat>)
+{
+}
+"""
+# shader: (texture, authored sourceColorSpace)
+SHADERS = {"Base": ("base.exr", ""), "Normal": ("normal.png", "raw"), "Tint": ("normal.png", "sRGB"),
+           "Rough": ("rough.<UDIM>.png", "")}
+TILES = (1001, 1002, 1011)
+
+
+def write(path, array, space):
+    image = vip.Image.from_array(array)
+    vip.setColorSpace(image, space)
+    assert vip.writeImage(image, path)
+
+
+def make_asset(folder, shaders):
+    (folder / "textures").mkdir(parents=True)
+    (folder / "layers").mkdir()
+    write(folder / "textures/base.exr", gradient(16, 16, 3), "linear")
+    write(folder / "textures/normal.png", gradient(16, 16, 3, np.uint8), "sRGB")
+    for tile in TILES:
+        write(folder / f"textures/rough.{tile}.png", np.full((8, 8, 3), tile % 100, np.uint8), "sRGB")
+    (folder / "textures/notes.txt").write_text("not an image")
+    (folder / "textures/damaged.png").write_bytes((folder / "textures/normal.png").read_bytes()[:90])
+    text = "".join(SHADER.format(name=name, file=file, space=f'        uniform token '
+                                 f'inputs:sourceColorSpace = "{space}"\n' if space else "")
+                   for name, (file, space) in shaders.items())
+    (folder / "layers/material.usda").write_text(MATERIAL.format(shaders=text))
+    (folder / "asset.usda").write_text(ROOT)
+
+
+def run(folder, options):
+    done = subprocess.run(BATCH + f"in/asset.usda -o out -q --workers 2 {options}".split(),
+                          cwd=folder, **CAPTURED)
+    report = [json.loads(line) for line in (folder / "out/batch-report.jsonl").open()]
+    return done.returncode, report
+
+
+@needs_openusd
+@pytest.mark.parametrize("options, ext, base_space", [
+    ("--ext .png", ".png", "sRGB"),  # linear EXR as an sRGB PNG
+    ("--ext .tx --texture", ".tx", "raw"),  # linear stays linear: used as it is
+    ("--ext .png --usdz", ".png", "sRGB"),
+])
+def test_an_asset_points_at_its_converted_textures(tmp_path, options, ext, base_space):
+    make_asset(tmp_path / "in", SHADERS)
+    code, report = run(tmp_path, options)
+    assert code == 0, report
+    *textures, asset = report
+    package = "--usdz" in options
+    root = tmp_path / ("out/asset.usdz" if package else "out/asset.usda")
+    assert asset == dict(asset, input="in/asset.usda", status="converted", output=str(root))
+    # base, normal as data and as colour, three tiles: each its own line, of this asset
+    assert len(textures) == 6 and all(t["status"] == "converted" and t["asset"] == "in/asset.usda"
+                                      for t in textures)
+    assert vip.checkAsset(str(root)) == []
+    written = vip.findAssetDependencies(str(root))
+    assert [f.rsplit("/", 1)[1].rstrip("]") for f in written.files] == ["notes.txt"]
+    authored = {t.attribute.split("/")[2].split(".")[0]: t for t in written.textures}
+    expected = {"Base": ("base", base_space), "Normal": ("normal.raw", "raw"),
+                "Tint": ("normal", "sRGB"), "Rough": ("rough.<UDIM>", "sRGB")}
+    assert {name: (t.assetPath, t.sourceColorSpace) for name, t in authored.items()} == {
+        name: (f"../textures/{stem}{ext}", space) for name, (stem, space) in expected.items()}
+    read = vip.readAssetImage if package else vip.readImage
+    source = vip.readImage(tmp_path / "in/textures/normal.png").pixels()
+    for name in ("Normal", "Tint"):  # data never converted; sRGB colour needs nothing
+        np.testing.assert_array_equal(read(authored[name].files[0]).pixels(), source)
+    base = read(authored["Base"].files[0])
+    spaces = {t["output"].rsplit("/", 1)[1]: t["color_space"] for t in textures}
+    assert spaces[f"base{ext}"] == ("sRGB" if ext == ".png" else "linear")
+    assert spaces[f"normal.raw{ext}"] == "raw" and spaces[f"normal{ext}"] == "sRGB"
+    linear = gradient(16, 16, 3)[8, 8, 0]  # 0.53: 192 as sRGB, 135 if it weren't converted
+    expected_base = (linear ** (1 / 2.4) * 1.055 - 0.055) * 255 if ext == ".png" else linear
+    assert base.pixels()[8, 8, 0] == pytest.approx(expected_base, abs=0.6)
+    assert [int(re.findall(r"\.(\d{4})\.", f)[-1]) for f in authored["Rough"].files] == list(TILES)
+
+    again = run(tmp_path, options + " --update")[1]  # textures up to date, the asset written again
+    assert [e["status"] for e in again] == ["skipped"] * 6 + ["converted"]
+
+
+@needs_openusd
+def test_missing_and_damaged_textures_fail_the_asset_by_name(tmp_path, log):
+    make_asset(tmp_path / "in", dict(SHADERS, Gone=("gone.png", ""), Bad=("damaged.png", "")))
+    code, report = run(tmp_path, "--ext .png")
+    assert code == 1
+    statuses = {e["input"].rsplit("/", 1)[1]: e["status"] for e in report}
+    assert statuses["damaged.png"] == "failed" and statuses["asset.usda"] == "failed"
+    reason = report[-1]["reason"].replace(str(tmp_path), "TMP")
+    assert reason.startswith("missing: ../textures/gone.png (in TMP/in/layers/material.usda); "
+                             "not converted: TMP/in/textures/damaged.png; ")
+    assert "TMP/out/textures/gone.png" in reason  # the written asset doesn't resolve it either
+    assert "gone" not in (tmp_path / "out/layers/material.usda").read_text().split("Gone")[0]
+
+    broken = tmp_path / "broken.usda"
+    broken.write_text("#usda 1.0\ndef Xform {\n")
+    assert vip.findAssetDependencies(str(broken)).error.startswith(f"{broken}:2:")
+    log.clear()
+    assert not vip.readAssetImage(f"{tmp_path}/in/none.usdz[a.png]")
+    assert [(r.levelno, r.getMessage()) for r in log.records if r.name == LOGGER] == [
+        (logging.WARNING, f"Couldn't read image {tmp_path}/in/none.usdz[a.png]:\n"
+                          "OpenUSD's resolver can't open it")]
+
+
+@needs_openusd
+def test_an_image_in_a_package_reads_as_the_same_file_outside(tmp_path):
+    make_asset(tmp_path, SHADERS)
+    assert vip.packageAsset(str(tmp_path / "asset.usda"), str(tmp_path / "pkg.usdz")) == ""
+    for name in ("base.exr", "normal.png"):
+        inside = vip.readAssetImage(f"{tmp_path}/pkg.usdz[textures/{name}]")
+        outside = vip.readImage(tmp_path / "textures" / name)
+        np.testing.assert_array_equal(inside.pixels(), outside.pixels())
+        assert vip.getMetadataFromImage(inside) == vip.getMetadataFromImage(outside)
+    # OpenUSD's Hio road through Ar's package resolver, which the usd library registers
+    hio = vip.getImageFromAssetPath(f"{tmp_path}/pkg.usdz[textures/normal.png]")
+    assert vip.getColorSpace(hio) == "sRGB" and hio.pixels().shape == (16, 16, 3)
+
+
+@pytest.mark.skipif(vip.usdAssetsAvailable, reason="a build against OpenUSD reads assets")
+def test_a_stand_in_build_says_in_one_line_that_assets_need_openusd(tmp_path):
+    done = subprocess.run(BATCH + "in/asset.usda -o out --ext .png".split(), cwd=tmp_path, **CAPTURED)
+    assert done.returncode == 2 and done.stderr == (
+        "batch: in/asset.usda is a USD asset, and USD assets need a build of "
+        "vorel_usd_image_processing against OpenUSD; this one uses its stand-in\n")
