@@ -32,8 +32,8 @@ def Xform "Model" (prepend references = @./layers/material.usda@</Mat>)
 }
 """
 # shader: (texture, authored sourceColorSpace)
-SHADERS = {"Base": ("base.exr", ""), "Normal": ("normal.png", "raw"), "Tint": ("normal.png", "sRGB"),
-           "Rough": ("rough.<UDIM>.png", "")}
+SHADERS = {"Base": ("base.exr", ""), "Normal": ("normal.exr", "raw"), "Tint": ("normal.exr", "sRGB"),
+           "Rough": ("rough.<UDIM>.png", ""), "Mask": ("mask.png", "")}
 TILES = (1001, 1002, 1011)
 
 
@@ -47,11 +47,12 @@ def make_asset(folder, shaders):
     (folder / "textures").mkdir(parents=True)
     (folder / "layers").mkdir()
     write(folder / "textures/base.exr", gradient(16, 16, 3), "linear")
-    write(folder / "textures/normal.png", gradient(16, 16, 3, np.uint8), "sRGB")
+    write(folder / "textures/normal.exr", gradient(16, 16, 3), "linear")
+    write(folder / "textures/mask.png", gradient(16, 16, 1, np.uint8), "sRGB")
     for tile in TILES:
         write(folder / f"textures/rough.{tile}.png", np.full((8, 8, 3), tile % 100, np.uint8), "sRGB")
     (folder / "textures/notes.txt").write_text("not an image")
-    (folder / "textures/damaged.png").write_bytes((folder / "textures/normal.png").read_bytes()[:90])
+    (folder / "textures/damaged.png").write_bytes((folder / "textures/mask.png").read_bytes()[:90])
     text = "".join(SHADER.format(name=name, file=file, space=f'        uniform token '
                                  f'inputs:sourceColorSpace = "{space}"\n' if space else "")
                    for name, (file, space) in shaders.items())
@@ -80,32 +81,33 @@ def test_an_asset_points_at_its_converted_textures(tmp_path, options, ext, base_
     package = "--usdz" in options
     root = tmp_path / ("out/asset.usdz" if package else "out/asset.usda")
     assert asset == dict(asset, input="in/asset.usda", status="converted", output=str(root))
-    # base, normal as data and as colour, three tiles: each its own line, of this asset
-    assert len(textures) == 6 and all(t["status"] == "converted" and t["asset"] == "in/asset.usda"
+    # base, normal as data and as colour, three tiles, mask: each its own line, of this asset
+    assert len(textures) == 7 and all(t["status"] == "converted" and t["asset"] == "in/asset.usda"
                                       for t in textures)
     assert vip.checkAsset(str(root)) == []
     written = vip.findAssetDependencies(str(root))
     assert [f.rsplit("/", 1)[1].rstrip("]") for f in written.files] == ["notes.txt"]
     authored = {t.attribute.split("/")[2].split(".")[0]: t for t in written.textures}
     expected = {"Base": ("base", base_space), "Normal": ("normal.raw", "raw"),
-                "Tint": ("normal", "sRGB"), "Rough": ("rough.<UDIM>", "sRGB")}
+                "Tint": ("normal", base_space), "Rough": ("rough.<UDIM>", "sRGB"),
+                "Mask": ("mask", "raw")}  # one 8-bit channel: data, as OpenUSD's "auto" has it
     assert {name: (t.assetPath, t.sourceColorSpace) for name, t in authored.items()} == {
         name: (f"../textures/{stem}{ext}", space) for name, (stem, space) in expected.items()}
     read = vip.readAssetImage if package else vip.readImage
-    source = vip.readImage(tmp_path / "in/textures/normal.png").pixels()
-    for name in ("Normal", "Tint"):  # data never converted; sRGB colour needs nothing
-        np.testing.assert_array_equal(read(authored[name].files[0]).pixels(), source)
-    base = read(authored["Base"].files[0])
+    scale = 255 if ext == ".png" else 1
+    linear = gradient(16, 16, 3)
+    encoded = np.where(linear > 0.0031308, linear ** (1 / 2.4) * 1.055 - 0.055, linear * 12.92) \
+        if ext == ".png" else linear  # a linear EXR as colour: sRGB in a PNG, linear in a .tx
+    for name, values in (("Normal", linear), ("Tint", encoded), ("Base", encoded)):
+        pixels = read(authored[name].files[0]).pixels()
+        np.testing.assert_allclose(pixels / scale, values, atol=0.6 / scale, err_msg=name)
     spaces = {t["output"].rsplit("/", 1)[1]: t["color_space"] for t in textures}
-    assert spaces[f"base{ext}"] == ("sRGB" if ext == ".png" else "linear")
-    assert spaces[f"normal.raw{ext}"] == "raw" and spaces[f"normal{ext}"] == "sRGB"
-    linear = gradient(16, 16, 3)[8, 8, 0]  # 0.53: 192 as sRGB, 135 if it weren't converted
-    expected_base = (linear ** (1 / 2.4) * 1.055 - 0.055) * 255 if ext == ".png" else linear
-    assert base.pixels()[8, 8, 0] == pytest.approx(expected_base, abs=0.6)
+    assert spaces[f"base{ext}"] == spaces[f"normal{ext}"] == ("sRGB" if ext == ".png" else "linear")
+    assert spaces[f"normal.raw{ext}"] == spaces[f"mask{ext}"] == "raw"
     assert [int(re.findall(r"\.(\d{4})\.", f)[-1]) for f in authored["Rough"].files] == list(TILES)
 
     again = run(tmp_path, options + " --update")[1]  # textures up to date, the asset written again
-    assert [e["status"] for e in again] == ["skipped"] * 6 + ["converted"]
+    assert [e["status"] for e in again] == ["skipped"] * 7 + ["converted"]
 
 
 @needs_openusd
@@ -135,14 +137,14 @@ def test_missing_and_damaged_textures_fail_the_asset_by_name(tmp_path, log):
 def test_an_image_in_a_package_reads_as_the_same_file_outside(tmp_path):
     make_asset(tmp_path, SHADERS)
     assert vip.packageAsset(str(tmp_path / "asset.usda"), str(tmp_path / "pkg.usdz")) == ""
-    for name in ("base.exr", "normal.png"):
+    for name in ("base.exr", "mask.png"):
         inside = vip.readAssetImage(f"{tmp_path}/pkg.usdz[textures/{name}]")
         outside = vip.readImage(tmp_path / "textures" / name)
         np.testing.assert_array_equal(inside.pixels(), outside.pixels())
         assert vip.getMetadataFromImage(inside) == vip.getMetadataFromImage(outside)
     # OpenUSD's Hio road through Ar's package resolver, which the usd library registers
-    hio = vip.getImageFromAssetPath(f"{tmp_path}/pkg.usdz[textures/normal.png]")
-    assert vip.getColorSpace(hio) == "sRGB" and hio.pixels().shape == (16, 16, 3)
+    hio = vip.getImageFromAssetPath(f"{tmp_path}/pkg.usdz[textures/rough.1002.png]")
+    assert vip.getColorSpace(hio) == "sRGB" and hio.pixels().shape == (8, 8, 3)
 
 
 @pytest.mark.skipif(vip.usdAssetsAvailable, reason="a build against OpenUSD reads assets")
