@@ -19,8 +19,8 @@
 #include <vorel/usd/image_processing/image_processing.h>
 
 #include "pixel_arrays.h"
-#include "python_logging.h"
 #include "python_assets.h"
+#include "python_logging.h"
 #include "without_gil.h"
 
 // Image.properties is the image's own map, changed in place from Python, not a copy.

@@ -41,9 +41,9 @@ void bindUsdAssets(py::module_& m) {
            const std::vector<std::optional<std::pair<std::string, std::string>>>& targets) {
             std::vector<std::optional<assets::TextureTarget>> textureTargets;
             for (const auto& target : targets) {
-                textureTargets.push_back(target ? std::optional(assets::TextureTarget{
-                                                      target->first, target->second})
-                                                : std::nullopt);
+                textureTargets.push_back(
+                    target ? std::optional(assets::TextureTarget{target->first, target->second})
+                           : std::nullopt);
             }
             return ipy::callWithoutGil(
                 [&] { return assets::writeAsset(dependencies, outputs, textureTargets); });
@@ -54,12 +54,14 @@ void bindUsdAssets(py::module_& m) {
         "on failure, else ''.");
     m.def("checkAsset", ipy::withoutGil(&assets::checkAsset), "assetPath"_a,
           "What is wrong with an asset: [] when UsdStage::Open opens it and every path resolves.");
-    m.def("packageAsset", ipy::withoutGil(&assets::packageAsset), "rootLayer"_a, "usdzPath"_a,
-          "Packages an asset and its dependencies as a .usdz; OpenUSD's reason on failure, else ''.");
+    m.def(
+        "packageAsset", ipy::withoutGil(&assets::packageAsset), "rootLayer"_a, "usdzPath"_a,
+        "Packages an asset and its dependencies as a .usdz; OpenUSD's reason on failure, else ''.");
     m.def(
         "readAssetBytes",
         [](const std::string& resolvedPath) -> std::optional<py::bytes> {
-            const auto bytes = ipy::callWithoutGil([&] { return assets::readAssetBytes(resolvedPath); });
+            const auto bytes =
+                ipy::callWithoutGil([&] { return assets::readAssetBytes(resolvedPath); });
             return bytes ? std::optional(py::bytes(*bytes)) : std::nullopt;
         },
         "resolvedPath"_a, "The bytes at a resolved asset path (pkg.usdz[inner] too), or None.");

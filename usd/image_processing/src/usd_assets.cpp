@@ -90,7 +90,8 @@ std::unordered_set<std::string> imageExtensions() {
 }
 
 /// `value` with `map` applied to each asset path in it (an SdfAssetPath or an array of them).
-VtValue mapAssetPaths(const VtValue& value, const std::function<std::string(const std::string&)>& map) {
+VtValue mapAssetPaths(const VtValue& value,
+                      const std::function<std::string(const std::string&)>& map) {
     if (value.IsHolding<SdfAssetPath>()) {
         return VtValue(SdfAssetPath(map(value.UncheckedGet<SdfAssetPath>().GetAssetPath())));
     }
@@ -155,7 +156,8 @@ void setSourceColorSpace(const SdfLayerHandle& layer, const SdfPath& attribute,
     if (!prim || space.empty()) {
         return;
     }
-    SdfAttributeSpecHandle spec = layer->GetAttributeAtPath(primPath.AppendProperty(kSourceColorSpace));
+    SdfAttributeSpecHandle spec =
+        layer->GetAttributeAtPath(primPath.AppendProperty(kSourceColorSpace));
     if (!spec) {
         spec = SdfAttributeSpec::New(prim, kSourceColorSpace.GetString(), SdfValueTypeNames->Token,
                                      SdfVariabilityUniform);
@@ -218,19 +220,24 @@ AssetDependencies findAssetDependencies(const std::string& assetPath) {
         if (layerKey != found.rootLayer) {
             found.layers.push_back(layerKey);
         }
-        mapAttributeAssetPaths(layer, [&](const SdfPath& attribute, const std::string& path) {
-            if (namesImage(path, extensions) && seen.emplace(layerKey, attribute.GetString(), path).second) {
-                AssetTexture texture{layerKey, attribute.GetString(), path,
-                                     sourceColorSpaceBeside(layer, attribute), resolveFiles(layer, path)};
-                if (texture.files.empty()) {
-                    found.missing.push_back(path + " (in " + layerKey + ")");
-                    missing.insert(SdfComputeAssetPathRelativeToLayer(layer, path));
+        mapAttributeAssetPaths(
+            layer,
+            [&](const SdfPath& attribute, const std::string& path) {
+                if (namesImage(path, extensions) &&
+                    seen.emplace(layerKey, attribute.GetString(), path).second) {
+                    AssetTexture texture{layerKey, attribute.GetString(), path,
+                                         sourceColorSpaceBeside(layer, attribute),
+                                         resolveFiles(layer, path)};
+                    if (texture.files.empty()) {
+                        found.missing.push_back(path + " (in " + layerKey + ")");
+                        missing.insert(SdfComputeAssetPathRelativeToLayer(layer, path));
+                    }
+                    textureFiles.insert(texture.files.begin(), texture.files.end());
+                    found.textures.push_back(std::move(texture));
                 }
-                textureFiles.insert(texture.files.begin(), texture.files.end());
-                found.textures.push_back(std::move(texture));
-            }
-            return path;
-        }, /*write=*/false);
+                return path;
+            },
+            /*write=*/false);
     }
     for (std::string& file : assets) {
         if (textureFiles.count(file) == 0) {
@@ -270,14 +277,18 @@ std::string writeAsset(const AssetDependencies& dependencies,
                 textureUses[{texture.attribute, texture.assetPath}] = path;
                 rewritten.insert(path);
                 if (SdfPath(texture.attribute).GetNameToken() == kFileInput) {
-                    setSourceColorSpace(copy, SdfPath(texture.attribute), targets[i]->sourceColorSpace);
+                    setSourceColorSpace(copy, SdfPath(texture.attribute),
+                                        targets[i]->sourceColorSpace);
                 }
             }
         }
-        mapAttributeAssetPaths(copy, [&](const SdfPath& attribute, const std::string& path) {
-            const auto use = textureUses.find({attribute.GetString(), path});
-            return use == textureUses.end() ? path : use->second;
-        }, /*write=*/true);
+        mapAttributeAssetPaths(
+            copy,
+            [&](const SdfPath& attribute, const std::string& path) {
+                const auto use = textureUses.find({attribute.GetString(), path});
+                return use == textureUses.end() ? path : use->second;
+            },
+            /*write=*/true);
 
         // Then layers and other files to their copies; what has none, to where it lies now.
         UsdUtilsModifyAssetPaths(copy, [&](const std::string& path) {

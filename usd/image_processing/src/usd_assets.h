@@ -17,18 +17,19 @@ namespace vorel::usd::assets {
 
 /// One texture as one attribute of one layer names it.
 struct AssetTexture {
-    std::string layer;             ///< the layer's resolved path (pkg.usdz[inner] in a package)
-    std::string attribute;         ///< the attribute spec's path in that layer
-    std::string assetPath;         ///< as authored; a UDIM set keeps its "<UDIM>"
-    std::string sourceColorSpace;  ///< authored beside it on the shader: "raw", "sRGB", "auto" or ""
+    std::string layer;      ///< the layer's resolved path (pkg.usdz[inner] in a package)
+    std::string attribute;  ///< the attribute spec's path in that layer
+    std::string assetPath;  ///< as authored; a UDIM set keeps its "<UDIM>"
+    std::string
+        sourceColorSpace;  ///< authored beside it on the shader: "raw", "sRGB", "auto" or ""
     std::vector<std::string> files;  ///< resolved: the file, or the tiles of a UDIM set that exist
 };
 
 /// Everything an asset depends on, through sublayers, references, payloads, variants and clips.
 struct AssetDependencies {
-    std::string error;                 ///< OpenUSD's reason when the asset doesn't open; else empty
-    std::string rootLayer;             ///< resolved
-    std::vector<std::string> layers;   ///< resolved, the root layer first
+    std::string error;                ///< OpenUSD's reason when the asset doesn't open; else empty
+    std::string rootLayer;            ///< resolved
+    std::vector<std::string> layers;  ///< resolved, the root layer first
     std::vector<AssetTexture> textures;
     std::vector<std::string> files;    ///< other dependencies (MaterialX documents, ...), resolved
     std::vector<std::string> missing;  ///< "PATH (in LAYER)" for each path that resolves to nothing
