@@ -142,6 +142,11 @@ def test_an_image_in_a_package_reads_as_the_same_file_outside(tmp_path):
         outside = vip.readImage(tmp_path / "textures" / name)
         np.testing.assert_array_equal(inside.pixels(), outside.pixels())
         assert vip.getMetadataFromImage(inside) == vip.getMetadataFromImage(outside)
+    # a package referenced from a layer: written as a folder of its layers and textures
+    (tmp_path / "room.usda").write_text(ROOT.replace("./layers/material.usda@</Mat>", "./pkg.usdz@"))
+    done = subprocess.run(BATCH + "room.usda -o out -q --ext .jpg".split(), cwd=tmp_path, **CAPTURED)
+    assert done.returncode == 0 and "@./pkg/asset.usda@" in (tmp_path / "out/room.usda").read_text()
+    assert len(list((tmp_path / "out/pkg/textures").glob("*.jpg"))) == 7
     # OpenUSD's Hio road through Ar's package resolver, which the usd library registers
     hio = vip.getImageFromAssetPath(f"{tmp_path}/pkg.usdz[textures/rough.1002.png]")
     assert vip.getColorSpace(hio) == "sRGB" and hio.pixels().shape == (8, 8, 3)

@@ -107,6 +107,14 @@ class Planner:
         except ValueError:
             return output / "_external" / path.relative_to(path.anchor)
 
+    def layer_output(self, layer: str, folder: pathlib.Path) -> str:
+        """Where a layer is written; a package's root layer, in a folder named after it."""
+        place = self.location(layer, folder)
+        if not is_packaged(layer) and place.suffix.lower() == ".usdz":
+            with zipfile.ZipFile(layer) as package:  # its first file is its root layer
+                return str(place.with_suffix("") / package.namelist()[0])
+        return str(place)
+
     def job(self, given: str, source: str, kind: str, place: pathlib.Path, asset: str = "") -> Job:
         """The job of `source` used as `kind`, made on its first use under a free name."""
         if (source, kind) in self.jobs:
@@ -147,15 +155,10 @@ class Planner:
         if found.error:
             asset.error = found.error
             return asset
-        root = place
-        if place.suffix.lower() == ".usdz":  # written out as a folder of its layers and textures
-            with zipfile.ZipFile(source) as package:
-                root = place.with_suffix("") / package.namelist()[0]
-        asset.root_layer = str(root)
+        asset.outputs = {layer: self.layer_output(layer, folder) for layer in found.layers}
+        asset.root_layer = asset.outputs[found.rootLayer]
         if not self.args.usdz:
             asset.output = asset.root_layer
-        asset.outputs = {layer: str(self.location(layer, folder)) for layer in found.layers}
-        asset.outputs[found.rootLayer] = asset.root_layer
         asset.outputs.update({file: str(self.location(file, folder)) for file in found.files})
         kinds = [usage(texture, texture.files[0]) if texture.files else "" for texture in found.textures]
         asset.uses = [None] * len(kinds)
