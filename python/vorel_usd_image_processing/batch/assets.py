@@ -155,7 +155,11 @@ class Planner:
         if found.error:
             asset.error = found.error
             return asset
-        asset.outputs = {layer: self.layer_output(layer, folder) for layer in found.layers}
+        try:
+            asset.outputs = {layer: self.layer_output(layer, folder) for layer in found.layers}
+        except (OSError, zipfile.BadZipFile) as error:  # a package that OpenUSD opened, but not zip
+            asset.error = f"{error}"
+            return asset
         asset.root_layer = asset.outputs[found.rootLayer]
         if not self.args.usdz:
             asset.output = asset.root_layer
