@@ -18,19 +18,21 @@ namespace vorel::usd::image_processing::python {
 void bindUsdAssets(py::module_& m) {
     py::class_<assets::AssetTexture>(m, "AssetTexture",
                                      "One texture as one attribute of one layer names it.")
-        .def_readonly("layer", &assets::AssetTexture::layer)
-        .def_readonly("attribute", &assets::AssetTexture::attribute)
-        .def_readonly("assetPath", &assets::AssetTexture::assetPath)
-        .def_readonly("sourceColorSpace", &assets::AssetTexture::sourceColorSpace)
-        .def_readonly("files", &assets::AssetTexture::files);
+        .def(py::init<>())
+        .def_readwrite("layer", &assets::AssetTexture::layer)
+        .def_readwrite("attribute", &assets::AssetTexture::attribute)
+        .def_readwrite("assetPath", &assets::AssetTexture::assetPath)
+        .def_readwrite("sourceColorSpace", &assets::AssetTexture::sourceColorSpace)
+        .def_readwrite("files", &assets::AssetTexture::files);
     py::class_<assets::AssetDependencies>(m, "AssetDependencies",
                                           "What an asset depends on, every path resolved.")
-        .def_readonly("error", &assets::AssetDependencies::error)
-        .def_readonly("rootLayer", &assets::AssetDependencies::rootLayer)
-        .def_readonly("layers", &assets::AssetDependencies::layers)
-        .def_readonly("textures", &assets::AssetDependencies::textures)
-        .def_readonly("files", &assets::AssetDependencies::files)
-        .def_readonly("missing", &assets::AssetDependencies::missing);
+        .def(py::init<>())
+        .def_readwrite("error", &assets::AssetDependencies::error)
+        .def_readwrite("rootLayer", &assets::AssetDependencies::rootLayer)
+        .def_readwrite("layers", &assets::AssetDependencies::layers)
+        .def_readwrite("textures", &assets::AssetDependencies::textures)
+        .def_readwrite("files", &assets::AssetDependencies::files)
+        .def_readwrite("missing", &assets::AssetDependencies::missing);
     m.def("findAssetDependencies", ipy::withoutGil(&assets::findAssetDependencies), "assetPath"_a,
           "The layers, textures and other files of a USD asset, through sublayers, references, "
           "payloads, variants and clips; `error` says why it doesn't open.");

@@ -1,6 +1,7 @@
 """USD assets through the batch converter, on assets written here (a build against OpenUSD only)."""
 import json
 import logging
+import os
 import re
 import subprocess
 
@@ -122,6 +123,11 @@ def test_missing_and_damaged_textures_fail_the_asset_by_name(tmp_path, log):
                              "not converted: TMP/in/textures/damaged.png; ")
     assert "TMP/out/textures/gone.png" in reason  # the written asset doesn't resolve it either
     assert "gone" not in (tmp_path / "out/layers/material.usda").read_text().split("Gone")[0]
+
+    os.mkfifo(tmp_path / "slow.usda")  # OpenUSD waits on it for a writer that never comes
+    done = subprocess.run(BATCH + "slow.usda -o slow -q --ext .png --timeout 2".split(),
+                          cwd=tmp_path, **CAPTURED)
+    assert json.loads((tmp_path / "slow/batch-report.jsonl").read_text())["status"] == "timed_out"
 
     broken = tmp_path / "broken.usda"
     broken.write_text("#usda 1.0\ndef Xform {\n")

@@ -23,6 +23,7 @@ from typing import Any
 
 import vorel_usd_image_processing as vip
 
+from .child import Converter
 from .job import Job, Result
 
 ASSET_EXTENSIONS = (".usd", ".usda", ".usdc", ".usdz")
@@ -45,15 +46,15 @@ def is_packaged(source: str) -> bool:
     return _PACKAGED.match(source) is not None
 
 
-def usage(texture: Any, file: str) -> str:
+def usage(texture: dict[str, Any], file: str) -> str:
     """"raw" for data (never colour-converted), "color" for the colour policy of the target.
 
     An authored "raw" or "sRGB" decides; otherwise OpenUSD's own rule for "auto" does: 8-bit
     images of 3 or 4 channels are sRGB colour, the rest is used as it is, which for half and float
     samples is linear colour and for others (a one-channel roughness PNG) data.
     """
-    if texture.sourceColorSpace in ("raw", "sRGB"):
-        return "raw" if texture.sourceColorSpace == "raw" else "color"
+    if texture["sourceColorSpace"] in ("raw", "sRGB"):
+        return "raw" if texture["sourceColorSpace"] == "raw" else "color"
     found = vip.readAssetImageFormat(file)
     if found is None:
         return "color"  # the job fails with the reader's own reason
@@ -76,11 +77,12 @@ class Use:
 class Asset:
     input: str
     output: str  # the written root layer, or the package with --usdz
-    dependencies: Any = None  # vip.AssetDependencies
+    dependencies: dict[str, Any] = dataclasses.field(default_factory=dict)  # as `step` walks them
     outputs: dict[str, str] = dataclasses.field(default_factory=dict)  # layers and other files
     uses: list[Use | None] = dataclasses.field(default_factory=list)  # None: missing
     root_layer: str = ""  # where the root layer is written
     error: str = ""
+    error_status: str = "failed"  # or crashed, timed_out: the walk's converter process
 
     def result(self, status: str, reason: str, started: float) -> Result:
         return {"input": self.input, "status": status, "output": self.output, "reason": reason,
@@ -95,6 +97,7 @@ class Planner:
         self.args, self.attributes = args, attributes
         self.jobs: dict[tuple[str, str], Job] = {}  # (source, usage) → its job
         self.claimed: dict[str, tuple[str, str]] = {}  # output → (source, usage)
+        self.steps = Converter()  # OpenUSD on strangers' assets, in a process of its own
 
     def location(self, resolved: str, folder: pathlib.Path) -> pathlib.Path:
         """Where a dependency lands below the output folder."""
@@ -150,37 +153,39 @@ class Planner:
         source = str(pathlib.Path(given).absolute())
         place = self.location(source, folder)
         asset = Asset(given, str(place.with_suffix(".usdz") if self.args.usdz else place))
-        found = vip.findAssetDependencies(source)
-        asset.dependencies = found
-        if found.error:
-            asset.error = found.error
+        walked = self.steps.ask({"asset_step": "walk", "source": source}, self.args.timeout)
+        if isinstance(walked, tuple):
+            asset.error_status, asset.error = walked
+            return asset
+        asset.dependencies = found = walked
+        if found["error"]:
+            asset.error = found["error"]
             return asset
         try:
-            asset.outputs = {layer: self.layer_output(layer, folder) for layer in found.layers}
+            asset.outputs = {layer: self.layer_output(layer, folder) for layer in found["layers"]}
         except (OSError, zipfile.BadZipFile) as error:  # a package that OpenUSD opened, but not zip
             asset.error = f"{error}"
             return asset
-        asset.root_layer = asset.outputs[found.rootLayer]
+        asset.root_layer = asset.outputs[found["rootLayer"]]
         if not self.args.usdz:
             asset.output = asset.root_layer
-        asset.outputs.update({file: str(self.location(file, folder)) for file in found.files})
-        kinds = [usage(texture, texture.files[0]) if texture.files else "" for texture in found.textures]
-        asset.uses = [None] * len(kinds)
+        asset.outputs.update({file: str(self.location(file, folder)) for file in found["files"]})
+        asset.uses = [None] * len(found["textures"])
         # Colour first: a file that is also data keeps its own name for its colour use.
         for kind in ("color", "raw"):
-            for at, texture in enumerate(found.textures):
-                if kinds[at] == kind:
+            for at, texture in enumerate(found["textures"]):
+                if texture["usage"] == kind:
                     asset.uses[at] = self.use(texture, kind, asset, folder)
         return asset
 
-    def use(self, texture: Any, kind: str, asset: Asset, folder: pathlib.Path) -> Use:
+    def use(self, texture: dict[str, Any], kind: str, asset: Asset, folder: pathlib.Path) -> Use:
         jobs = [self.job(file, file, kind, self.location(file, folder), asset.input)
-                for file in texture.files]
+                for file in texture["files"]]
         target = pathlib.Path(jobs[0].output)
-        if _UDIM in texture.assetPath:
+        if _UDIM in texture["assetPath"]:
             # The first tile's output with its four digits back to <UDIM>: names keep the part
             # before them.
-            at = len(pathlib.PurePosixPath(texture.assetPath).name.split(_UDIM)[0])
+            at = len(pathlib.PurePosixPath(texture["assetPath"]).name.split(_UDIM)[0])
             target = target.with_name(target.name[:at] + _UDIM + target.name[at + 4:])
         return Use(str(target), kind, [job.output for job in jobs])
 
@@ -206,15 +211,16 @@ def space(result: Result) -> str:
     return result["color_space"] or vip.getFileStringAttribute(result["output"], "oiio:ColorSpace")
 
 
-def finish(asset: Asset, results: dict[str, Result], usdz: bool) -> Result:
+def finish(asset: Asset, results: dict[str, Result], steps: Converter,
+           timeout: float | None) -> Result:
     """Writes the asset once its textures are done, and checks that it opens and resolves."""
     started = time.monotonic()
     if asset.error:
-        return asset.result("failed", asset.error, started)
+        return asset.result(asset.error_status, asset.error, started)
     found = asset.dependencies
-    problems = [f"missing: {path}" for path in found.missing]
+    problems = [f"missing: {path}" for path in found["missing"]]
     targets: list[tuple[str, str] | None] = []
-    for texture, use in zip(found.textures, asset.uses):
+    for use in asset.uses:
         done = [results.get(output, {"input": output, "status": ""}) for output in use.outputs] \
             if use else []
         bad = [result["input"] for result in done if result["status"] not in ("converted", "skipped")]
@@ -224,21 +230,60 @@ def finish(asset: Asset, results: dict[str, Result], usdz: bool) -> Result:
             continue
         srgb = all(space(result) == "sRGB" for result in done)
         targets.append((use.target, "sRGB" if use.usage == "color" and srgb else "raw"))
-    problems += filter(None, (copy_dependency(file, asset.outputs[file]) for file in found.files))
-    written = vip.writeAsset(found, asset.outputs, targets)
-    if written:
-        problems.append(written)
-    else:
-        problems += vip.checkAsset(asset.root_layer)
-        if usdz:
-            problems += filter(None, [vip.packageAsset(asset.root_layer, asset.output)])
-            for layer_or_file in asset.outputs.values():  # the package holds them now
-                pathlib.Path(layer_or_file).unlink(missing_ok=True)
-                try:
-                    os.removedirs(os.path.dirname(layer_or_file))
-                except OSError:
-                    pass  # a folder that holds more (converted textures)
-            if os.path.exists(asset.output):
-                problems += vip.checkAsset(asset.output)
-    unique = list(dict.fromkeys(problems))
+    written = steps.ask({"asset_step": "write", "dependencies": found, "outputs": asset.outputs,
+                         "targets": targets, "root": asset.root_layer,
+                         "package": asset.output if asset.output != asset.root_layer else ""},
+                        timeout)
+    if isinstance(written, tuple):
+        return asset.result(written[0], written[1], started)
+    unique = list(dict.fromkeys(problems + written["problems"]))
     return asset.result("failed" if unique else "converted", "; ".join(unique), started)
+
+
+def step(request: dict[str, Any]) -> dict[str, Any]:
+    """A step of an asset in the converter process: "walk" (what it uses, and how each texture is
+    used) or "write" (the asset written again, checked and maybe packaged: what is wrong)."""
+    if request["asset_step"] == "walk":
+        found = vip.findAssetDependencies(request["source"])
+        walked = {name: getattr(found, name) for name in _FIELDS}
+        walked["textures"] = [{name: getattr(texture, name) for name in _TEXTURE_FIELDS}
+                              for texture in found.textures]
+        for texture in walked["textures"]:
+            texture["usage"] = usage(texture, texture["files"][0]) if texture["files"] else ""
+        return walked
+    return {"problems": write(request)}
+
+
+_FIELDS = ("error", "rootLayer", "layers", "files", "missing")
+_TEXTURE_FIELDS = ("layer", "attribute", "assetPath", "sourceColorSpace", "files")
+
+
+def write(request: dict[str, Any]) -> list[str]:
+    found = vip.AssetDependencies()
+    for name in _FIELDS:
+        setattr(found, name, request["dependencies"][name])
+    textures = []
+    for fields in request["dependencies"]["textures"]:
+        textures.append(vip.AssetTexture())
+        for name in _TEXTURE_FIELDS:
+            setattr(textures[-1], name, fields[name])
+    found.textures = textures
+    outputs, root, package = request["outputs"], request["root"], request["package"]
+    problems = [problem for problem in (copy_dependency(file, outputs[file]) for file in found.files)
+                if problem]
+    targets = [(target[0], target[1]) if target else None for target in request["targets"]]
+    written = vip.writeAsset(found, outputs, targets)
+    if written:
+        return problems + [written]
+    problems += vip.checkAsset(root)
+    if package:
+        problems += filter(None, [vip.packageAsset(root, package)])
+        for layer_or_file in outputs.values():  # the package holds them now
+            pathlib.Path(layer_or_file).unlink(missing_ok=True)
+            try:
+                os.removedirs(os.path.dirname(layer_or_file))
+            except OSError:
+                pass  # a folder that holds more (converted textures)
+        if os.path.exists(package):
+            problems += vip.checkAsset(package)
+    return problems

@@ -166,7 +166,7 @@ def parse_args(argv: list[str] | None) -> argparse.Namespace:
 
 def main(argv: list[str] | None = None) -> int:
     args = parse_args(argv)
-    jobs, assets = plan(args)
+    jobs, assets, planner = plan(args)
     skipped, pending = triage(jobs, args)
     converted: Iterator[Result] = iter(())
     if pending:  # the cluster only when there is something to convert
@@ -182,7 +182,7 @@ def main(argv: list[str] | None = None) -> int:
     done: dict[str, Result] = {}  # by output: what the assets point at
     with report.open("w") as lines:
         # An asset is written when all textures are done: any of them may be one of its.
-        finished = (finish(asset, done, args.usdz) for asset in assets)
+        finished = (finish(asset, done, planner.steps, args.timeout) for asset in assets)
         for result in itertools.chain(skipped, converted, finished):
             done[result["output"]] = result
             lines.write(json.dumps(result) + "\n")
@@ -190,4 +190,5 @@ def main(argv: list[str] | None = None) -> int:
             progress.add(result["status"])
             all_done &= result["status"] in ("converted", "skipped")
     progress.close()
+    planner.steps.close()
     return 0 if all_done else 1

@@ -12,7 +12,7 @@ from typing import IO
 import vorel_usd_image_processing as vip
 
 from . import update
-from .assets import is_packaged
+from .assets import is_packaged, step
 from .job import Job, Result, Texture
 from .operations import OPERATIONS
 
@@ -104,6 +104,11 @@ def serve(requests: IO[str], replies: IO[str]) -> None:
     logger.propagate = False
     attributes_set = False
     for request in requests:
+        fields = json.loads(request)
+        if "asset_step" in fields:  # a step of a USD asset, for the client (assets.step)
+            replies.write(json.dumps(step(fields)) + "\n")
+            replies.flush()
+            continue
         job = Job.from_json(request)
         if not attributes_set:
             for name, value in job.attributes:

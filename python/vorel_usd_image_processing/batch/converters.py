@@ -1,95 +1,17 @@
-"""The converter processes, one per Dask worker thread, and the cluster that runs them.
-
-A file on which one of OpenImageIO's readers aborts costs a converter process, not the worker or
-the batch; the same process is what a per-file timeout kills.
-"""
+"""The cluster that runs the jobs, each worker thread through a converter process of its own."""
 
 from __future__ import annotations
 
-import json
 import logging
-import os
-import pathlib
-import select
-import signal
-import subprocess
-import sys
 import tempfile
 import threading
-import time
-from typing import IO, Iterator
+from typing import Iterator
 
 import dask
 from distributed import Client, LocalCluster, as_completed
 
-import vorel_usd_image_processing as vip
-
+from .child import Converter
 from .job import Job, Result
-
-
-class Converter:
-    """A child process of this worker thread, restarted after a crash or a timeout."""
-
-    def __init__(self) -> None:
-        self.child: subprocess.Popen[str] | None = None
-        self.errors: IO[bytes] | None = None
-
-    def _start(self) -> subprocess.Popen[str]:
-        if self.child is None or self.child.poll() is not None:
-            package_parent = str(pathlib.Path(vip.__file__).resolve().parent.parent)
-            env = dict(os.environ)
-            env["PYTHONPATH"] = os.pathsep.join(filter(None, [package_parent,
-                                                              env.get("PYTHONPATH")]))
-            self.errors = tempfile.TemporaryFile()
-            self.child = subprocess.Popen(
-                [sys.executable, "-m", "vorel_usd_image_processing.batch", "--serve"],
-                stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=self.errors, text=True,
-                env=env)
-        return self.child
-
-    def _stop(self) -> int:
-        assert self.child is not None
-        self.child.kill()
-        return self.child.wait()
-
-    def _last_error(self) -> str:
-        if self.errors is None:
-            return ""
-        self.errors.seek(0)
-        text = self.errors.read().decode(errors="replace").strip().splitlines()
-        return text[-1][:300] if text else ""
-
-    def run_once(self, job: Job) -> Result | None:
-        """The child's result, a timed_out result, or None when the child died on the way."""
-        child = self._start()
-        assert child.stdin is not None and child.stdout is not None
-        started = time.monotonic()
-        child.stdin.write(job.to_json() + "\n")
-        child.stdin.flush()
-        ready, _, _ = select.select([child.stdout], [], [], job.timeout)
-        if not ready:
-            self._stop()
-            pathlib.Path(job.partial).unlink(missing_ok=True)
-            return job.result("timed_out",
-                              f"no result within {job.timeout:g} s; the converter was killed",
-                              started)
-        reply = child.stdout.readline()
-        result: Result | None = json.loads(reply) if reply else None
-        return result
-
-    def run(self, job: Job) -> Result:
-        """Tries a file that takes the child down once more in a fresh child, then gives up."""
-        started = time.monotonic()
-        for tries in (1, 2):
-            result = self.run_once(job)
-            if result is not None:
-                return result
-            code = self._stop()
-            pathlib.Path(job.partial).unlink(missing_ok=True)
-        how = f"signal {signal.Signals(-code).name}" if code < 0 else f"exit status {code}"
-        return job.result("crashed", f"the converter process ended with {how} on each of {tries} "
-                                     f"tries: {self._last_error()}", started)
-
 
 _converters = threading.local()
 

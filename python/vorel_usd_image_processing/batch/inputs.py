@@ -38,7 +38,7 @@ def find_inputs(inputs: list[str]) -> Iterator[tuple[str, pathlib.Path]]:
             yield given, pathlib.Path(given).parent
 
 
-def plan(args: argparse.Namespace) -> tuple[list[Job], list[Asset]]:
+def plan(args: argparse.Namespace) -> tuple[list[Job], list[Asset], Planner]:
     """A job per file input and per texture of the asset inputs; exits with status 2 when two
     file inputs would land on one output or an asset can't be read by this build."""
     attributes: tuple[tuple[str, int], ...] = ()
@@ -61,4 +61,4 @@ def plan(args: argparse.Namespace) -> tuple[list[Job], list[Asset]]:
     for given, folder in found:
         if not is_asset(given):
             planner.file(given, folder)
-    return list(planner.jobs.values()), planned
+    return list(planner.jobs.values()), planned, planner

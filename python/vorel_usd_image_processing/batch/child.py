@@ -1,0 +1,113 @@
+"""The converter process, a child of a worker thread (or of the client, for USD assets' steps).
+
+A file on which one of OpenImageIO's readers (or an asset on which OpenUSD) aborts costs that
+process, not the worker or the batch; the same process is what a timeout kills.
+"""
+
+from __future__ import annotations
+
+import json
+import os
+import pathlib
+import select
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+from typing import IO, Any
+
+import vorel_usd_image_processing as vip
+
+from .job import Job, Result
+
+
+class Converter:
+    """A child process of this worker thread, restarted after a crash or a timeout."""
+
+    def __init__(self) -> None:
+        self.child: subprocess.Popen[str] | None = None
+        self.errors: IO[bytes] | None = None
+
+    def _start(self) -> subprocess.Popen[str]:
+        if self.child is None or self.child.poll() is not None:
+            package_parent = str(pathlib.Path(vip.__file__).resolve().parent.parent)
+            env = dict(os.environ)
+            env["PYTHONPATH"] = os.pathsep.join(filter(None, [package_parent,
+                                                              env.get("PYTHONPATH")]))
+            self.errors = tempfile.TemporaryFile()
+            self.child = subprocess.Popen(
+                [sys.executable, "-m", "vorel_usd_image_processing.batch", "--serve"],
+                stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=self.errors, text=True,
+                env=env)
+        return self.child
+
+    def _stop(self) -> int:
+        assert self.child is not None
+        self.child.kill()
+        return self.child.wait()
+
+    def _last_error(self) -> str:
+        if self.errors is None:
+            return ""
+        self.errors.seek(0)
+        text = self.errors.read().decode(errors="replace").strip().splitlines()
+        return text[-1][:300] if text else ""
+
+    def run_once(self, job: Job) -> Result | None:
+        """The child's result, a timed_out result, or None when the child died on the way."""
+        child = self._start()
+        assert child.stdin is not None and child.stdout is not None
+        started = time.monotonic()
+        child.stdin.write(job.to_json() + "\n")
+        child.stdin.flush()
+        ready, _, _ = select.select([child.stdout], [], [], job.timeout)
+        if not ready:
+            self._stop()
+            pathlib.Path(job.partial).unlink(missing_ok=True)
+            return job.result("timed_out",
+                              f"no result within {job.timeout:g} s; the converter was killed",
+                              started)
+        reply = child.stdout.readline()
+        result: Result | None = json.loads(reply) if reply else None
+        return result
+
+    def run(self, job: Job) -> Result:
+        """Tries a file that takes the child down once more in a fresh child, then gives up."""
+        started = time.monotonic()
+        for tries in (1, 2):
+            result = self.run_once(job)
+            if result is not None:
+                return result
+            code = self._stop()
+            pathlib.Path(job.partial).unlink(missing_ok=True)
+        how = f"signal {signal.Signals(-code).name}" if code < 0 else f"exit status {code}"
+        return job.result("crashed", f"the converter process ended with {how} on each of {tries} "
+                                     f"tries: {self._last_error()}", started)
+
+    def ask(self, request: dict[str, Any], timeout: float | None) -> dict[str, Any] | tuple[str, str]:
+        """The child's reply to one request, tried once more in a fresh child if the first dies;
+        otherwise the status (crashed, timed_out) and the reason."""
+        for tries in (1, 2):
+            child = self._start()
+            assert child.stdin is not None and child.stdout is not None
+            child.stdin.write(json.dumps(request) + "\n")
+            child.stdin.flush()
+            ready, _, _ = select.select([child.stdout], [], [], timeout)
+            reply = child.stdout.readline() if ready else ""
+            if reply:
+                answer: dict[str, Any] = json.loads(reply)
+                return answer
+            code = self._stop()
+            if not ready:
+                return "timed_out", f"no result within {timeout:g} s; the converter was killed"
+        how = f"signal {signal.Signals(-code).name}" if code < 0 else f"exit status {code}"
+        return "crashed", (f"the converter process ended with {how} on each of {tries} tries: "
+                           f"{self._last_error()}")
+
+    def close(self) -> None:
+        """Ends the child: its loop ends with its input."""
+        if self.child is not None and self.child.poll() is None:
+            assert self.child.stdin is not None
+            self.child.stdin.close()
+            self.child.wait()
