@@ -19,6 +19,13 @@ MATERIAL = """#usda 1.0
 def Material "Mat"
 {{
     asset notes = @../textures/notes.txt@
+    asset inputs:bump = @../textures/bump.exr@
+    def Shader "Bump"
+    {{
+        uniform token info:id = "UsdUVTexture"
+        asset inputs:file.connect = </Mat.inputs:bump>
+        uniform token inputs:sourceColorSpace = "raw"
+    }}
 {shaders}}}
 """
 SHADER = """    def Shader "{name}"
@@ -28,7 +35,7 @@ SHADER = """    def Shader "{name}"
 {space}    }}
 """
 ROOT = """#usda 1.0
-def Xform "Model" (prepend references = @./layers/material.usda@</Mat>)
+def "Model" (prepend references = @./layers/material.usda@</Mat>)
 {
 }
 """
@@ -49,6 +56,7 @@ def make_asset(folder, shaders):
     (folder / "layers").mkdir()
     write(folder / "textures/base.exr", gradient(16, 16, 3), "linear")
     write(folder / "textures/normal.exr", gradient(16, 16, 3), "linear")
+    write(folder / "textures/bump.exr", gradient(16, 16, 3), "linear")
     write(folder / "textures/mask.png", gradient(16, 16, 1, np.uint8), "sRGB")
     for tile in TILES:
         write(folder / f"textures/rough.{tile}.png", np.full((8, 8, 3), tile % 100, np.uint8), "sRGB")
@@ -82,16 +90,17 @@ def test_an_asset_points_at_its_converted_textures(tmp_path, options, ext, base_
     package = "--usdz" in options
     root = tmp_path / ("out/asset.usdz" if package else "out/asset.usda")
     assert asset == dict(asset, input="in/asset.usda", status="converted", output=str(root))
-    # base, normal as data and as colour, three tiles, mask: each its own line, of this asset
-    assert len(textures) == 7 and all(t["status"] == "converted" and t["asset"] == "in/asset.usda"
+    # base, normal as data and as colour, three tiles, mask, bump: each its own line, of this asset
+    assert len(textures) == 8 and all(t["status"] == "converted" and t["asset"] == "in/asset.usda"
                                       for t in textures)
     assert vip.checkAsset(str(root)) == []
     written = vip.findAssetDependencies(str(root))
     assert [f.rsplit("/", 1)[1].rstrip("]") for f in written.files] == ["notes.txt"]
-    authored = {t.attribute.split("/")[2].split(".")[0]: t for t in written.textures}
+    authored = {t.attribute.rsplit("/", 1)[1].split(".")[0]: t for t in written.textures}
     expected = {"Base": ("base", base_space), "Normal": ("normal.raw", "raw"),
                 "Tint": ("normal", base_space), "Rough": ("rough.<UDIM>", "sRGB"),
-                "Mask": ("mask", "raw")}  # one 8-bit channel: data, as OpenUSD's "auto" has it
+                "Mask": ("mask", "raw"),  # one 8-bit channel: data, as OpenUSD's "auto" has it
+                "Mat": ("bump", "raw")}  # data by the shader that the material's input feeds
     assert {name: (t.assetPath, t.sourceColorSpace) for name, t in authored.items()} == {
         name: (f"../textures/{stem}{ext}", space) for name, (stem, space) in expected.items()}
     read = vip.readAssetImage if package else vip.readImage
@@ -99,7 +108,7 @@ def test_an_asset_points_at_its_converted_textures(tmp_path, options, ext, base_
     linear = gradient(16, 16, 3)
     encoded = np.where(linear > 0.0031308, linear ** (1 / 2.4) * 1.055 - 0.055, linear * 12.92) \
         if ext == ".png" else linear  # a linear EXR as colour: sRGB in a PNG, linear in a .tx
-    for name, values in (("Normal", linear), ("Tint", encoded), ("Base", encoded)):
+    for name, values in (("Normal", linear), ("Mat", linear), ("Tint", encoded), ("Base", encoded)):
         pixels = read(authored[name].files[0]).pixels()
         np.testing.assert_allclose(pixels / scale, values, atol=0.6 / scale, err_msg=name)
     spaces = {t["output"].rsplit("/", 1)[1]: t["color_space"] for t in textures}
@@ -108,7 +117,7 @@ def test_an_asset_points_at_its_converted_textures(tmp_path, options, ext, base_
     assert [int(re.findall(r"\.(\d{4})\.", f)[-1]) for f in authored["Rough"].files] == list(TILES)
 
     again = run(tmp_path, options + " --update")[1]  # textures up to date, the asset written again
-    assert [e["status"] for e in again] == ["skipped"] * 7 + ["converted"]
+    assert [e["status"] for e in again] == ["skipped"] * 8 + ["converted"]
 
 
 @needs_openusd
@@ -152,7 +161,7 @@ def test_an_image_in_a_package_reads_as_the_same_file_outside(tmp_path):
     (tmp_path / "room.usda").write_text(ROOT.replace("./layers/material.usda@</Mat>", "./pkg.usdz@"))
     done = subprocess.run(BATCH + "room.usda -o out -q --ext .jpg".split(), cwd=tmp_path, **CAPTURED)
     assert done.returncode == 0 and "@./pkg/asset.usda@" in (tmp_path / "out/room.usda").read_text()
-    assert len(list((tmp_path / "out/pkg/textures").glob("*.jpg"))) == 7
+    assert len(list((tmp_path / "out/pkg/textures").glob("*.jpg"))) == 8
     # OpenUSD's Hio road through Ar's package resolver, which the usd library registers
     hio = vip.getImageFromAssetPath(f"{tmp_path}/pkg.usdz[textures/rough.1002.png]")
     assert vip.getColorSpace(hio) == "sRGB" and hio.pixels().shape == (8, 8, 3)

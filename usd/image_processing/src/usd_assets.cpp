@@ -23,7 +23,10 @@
 #include <pxr/usd/sdf/layerUtils.h>
 #include <pxr/usd/sdf/primSpec.h>
 #include <pxr/usd/sdf/types.h>
+#include <pxr/usd/usd/primRange.h>
 #include <pxr/usd/usd/stage.h>
+#include <pxr/usd/usdShade/input.h>
+#include <pxr/usd/usdShade/shader.h>
 #include <pxr/usd/usdShade/udimUtils.h>
 #include <pxr/usd/usdUtils/coalescingDiagnosticDelegate.h>
 #include <pxr/usd/usdUtils/dependencies.h>
@@ -44,6 +47,7 @@ using AssetPathMap = std::function<std::string(const SdfPath& attribute, const s
 /// UsdUVTexture's inputs: the file, and what its samples are.
 const TfToken kFileInput("inputs:file");
 const TfToken kSourceColorSpace("inputs:sourceColorSpace");
+const TfToken kUvTexture("UsdUVTexture");
 
 /// The errors posted since `mark`, one per line, or `fallback` when there are none. They are
 /// cleared: the caller reports them, so OpenUSD doesn't print them again.
@@ -167,6 +171,39 @@ void setSourceColorSpace(const SdfLayerHandle& layer, const SdfPath& attribute,
     }
 }
 
+using ColorSpaces = std::map<std::pair<std::string, std::string>, std::string>;
+
+/// The sourceColorSpace that the composed stage gives each UsdUVTexture, by every attribute spec
+/// (layer, path) that produces its file: the file input itself, or a material's interface input
+/// connected to it, wherever in the layer stack either is authored.
+ColorSpaces composedColorSpaces(const std::string& assetPath) {
+    ColorSpaces spaces;
+    const UsdStageRefPtr stage = UsdStage::Open(assetPath);
+    if (!stage) {
+        return spaces;
+    }
+    for (const UsdPrim& prim : stage->Traverse()) {
+        const UsdShadeShader shader(prim);
+        TfToken id;
+        if (!prim.IsA<UsdShadeShader>() || !shader.GetShaderId(&id) || id != kUvTexture) {
+            continue;
+        }
+        TfToken space;
+        if (const UsdShadeInput input = shader.GetInput(TfToken("sourceColorSpace"))) {
+            input.Get(&space);
+        }
+        const UsdShadeInput file = shader.GetInput(TfToken("file"));
+        for (const UsdAttribute& producer :
+             file ? file.GetValueProducingAttributes() : UsdShadeAttributeVector{}) {
+            for (const SdfPropertySpecHandle& spec : producer.GetPropertyStack()) {
+                spaces.emplace(std::pair(keyOf(spec->GetLayer()), spec->GetPath().GetString()),
+                               space.GetString());
+            }
+        }
+    }
+    return spaces;
+}
+
 /// The files of a texture path: the file it resolves to, or the tiles of a UDIM set that exist.
 std::vector<std::string> resolveFiles(const SdfLayerHandle& layer, const std::string& path) {
     std::vector<std::string> files;
@@ -211,6 +248,7 @@ AssetDependencies findAssetDependencies(const std::string& assetPath) {
     }
     found.rootLayer = keyOf(root);
     found.layers.push_back(found.rootLayer);
+    const ColorSpaces composed = composedColorSpaces(assetPath);
     const std::unordered_set<std::string> extensions = imageExtensions();
     std::set<std::tuple<std::string, std::string, std::string>> seen;
     std::set<std::string> textureFiles;
@@ -225,8 +263,13 @@ AssetDependencies findAssetDependencies(const std::string& assetPath) {
             [&](const SdfPath& attribute, const std::string& path) {
                 if (namesImage(path, extensions) &&
                     seen.emplace(layerKey, attribute.GetString(), path).second) {
+                    // What the composed stage says wins; a shader it doesn't reach (a variant
+                    // not selected) says it beside the file.
+                    const auto space = composed.find({layerKey, attribute.GetString()});
                     AssetTexture texture{layerKey, attribute.GetString(), path,
-                                         sourceColorSpaceBeside(layer, attribute),
+                                         space != composed.end() && !space->second.empty()
+                                             ? space->second
+                                             : sourceColorSpaceBeside(layer, attribute),
                                          resolveFiles(layer, path)};
                     if (texture.files.empty()) {
                         found.missing.push_back(path + " (in " + layerKey + ")");
