@@ -178,7 +178,9 @@ using ColorSpaces = std::map<std::pair<std::string, std::string>, std::string>;
 /// connected to it, wherever in the layer stack either is authored.
 ColorSpaces composedColorSpaces(const std::string& assetPath) {
     ColorSpaces spaces;
+    const TfErrorMark mark;  // the layers opened before: what the stage adds is not the asset's
     const UsdStageRefPtr stage = UsdStage::Open(assetPath);
+    mark.Clear();
     if (!stage) {
         return spaces;
     }
