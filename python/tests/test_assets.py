@@ -162,6 +162,12 @@ def test_an_image_in_a_package_reads_as_the_same_file_outside(tmp_path):
     done = subprocess.run(BATCH + "room.usda -o out -q --ext .jpg".split(), cwd=tmp_path, **CAPTURED)
     assert done.returncode == 0 and "@./pkg/asset.usda@" in (tmp_path / "out/room.usda").read_text()
     assert len(list((tmp_path / "out/pkg/textures").glob("*.jpg"))) == 8
+    write(tmp_path / "textures/mask.png", gradient(32, 32, 1, np.uint8), "sRGB")  # the package grows
+    assert vip.packageAsset(str(tmp_path / "asset.usda"), str(tmp_path / "pkg.usdz")) == ""
+    subprocess.run(BATCH + "room.usda -o out -q --ext .jpg --update".split(), cwd=tmp_path, **CAPTURED)
+    report = [json.loads(line) for line in (tmp_path / "out/batch-report.jsonl").open()]
+    assert {e["input"].split("[")[-1]: e["status"] for e in report if e["status"] == "converted"} \
+        == {"textures/mask.png]": "converted", "room.usda": "converted"}  # the one that changed
     # OpenUSD's Hio road through Ar's package resolver, which the usd library registers
     hio = vip.getImageFromAssetPath(f"{tmp_path}/pkg.usdz[textures/rough.1002.png]")
     assert vip.getColorSpace(hio) == "sRGB" and hio.pixels().shape == (8, 8, 3)

@@ -28,7 +28,7 @@ from .job import Job, Result
 
 ASSET_EXTENSIONS = (".usd", ".usda", ".usdc", ".usdz")
 PACKAGE_EXTENSIONS = (".png", ".jpg", ".jpeg")  # the textures a .usdz may hold
-_PACKAGED = re.compile(r"^(.*\.usdz)\[(.*)\]$", re.IGNORECASE)
+PACKAGED = re.compile(r"^(.*?\.usdz)\[(.*)\]$", re.IGNORECASE)  # package, path inside
 _UDIM = "<UDIM>"
 
 
@@ -38,12 +38,12 @@ def is_asset(path: str) -> bool:
 
 def outer_file(source: str) -> str:
     """The file on disk that holds a source: the package of pkg.usdz[inner], else itself."""
-    packaged = _PACKAGED.match(source)
+    packaged = PACKAGED.match(source)
     return outer_file(packaged[1]) if packaged else source
 
 
 def is_packaged(source: str) -> bool:
-    return _PACKAGED.match(source) is not None
+    return PACKAGED.match(source) is not None
 
 
 def usage(texture: dict[str, Any], file: str) -> str:
@@ -101,7 +101,7 @@ class Planner:
 
     def location(self, resolved: str, folder: pathlib.Path) -> pathlib.Path:
         """Where a dependency lands below the output folder."""
-        packaged = _PACKAGED.match(resolved)
+        packaged = PACKAGED.match(resolved)
         if packaged:
             return self.location(packaged[1], folder).with_suffix("") / packaged[2]
         path, output = pathlib.Path(resolved), pathlib.Path(self.args.output).absolute()

@@ -16,11 +16,12 @@ import json
 import os
 import pathlib
 import tempfile
+import zipfile
 from typing import Any
 
 import vorel_usd_image_processing as vip
 
-from .assets import outer_file
+from .assets import PACKAGED, outer_file
 from .job import Job, Result
 
 ATTRIBUTE = "vorel:batch"
@@ -42,13 +43,26 @@ def options_digest(job: Job) -> str:
     return hashlib.sha256(json.dumps(options, sort_keys=True).encode()).hexdigest()
 
 
+def source_digest(source: str) -> str:
+    """SHA-256 of a source's bytes: of the file inside, for a texture in a .usdz package (a zip
+    archive), so that another change to the package leaves it up to date."""
+    packaged = PACKAGED.match(source)
+    if packaged is None:
+        with open(source, "rb") as file:
+            return hashlib.file_digest(file, "sha256").hexdigest()
+    try:
+        with zipfile.ZipFile(packaged[1]) as package:
+            return hashlib.sha256(package.read(packaged[2])).hexdigest()
+    except (zipfile.BadZipFile, KeyError) as error:
+        raise OSError(f"{source}: {error}") from error
+
+
 def source_record(job: Job) -> Record:
-    """The record of the job's source as it is now; reads all of its bytes."""
+    """The record of the job's source as it is now; reads all of its bytes. The size and time are
+    its file's: a texture in a package has the package's."""
     stat = os.stat(outer_file(job.source))
-    with open(outer_file(job.source), "rb") as source:
-        digest = hashlib.file_digest(source, "sha256").hexdigest()
     return {"options": options_digest(job), "size": stat.st_size, "mtime_ns": stat.st_mtime_ns,
-            "sha256": digest}
+            "sha256": source_digest(job.source)}
 
 
 def as_text(record: Record) -> str:
@@ -111,7 +125,7 @@ def up_to_date(job: Job) -> Result | None:
     if "color_space" not in record:  # a record in the file: the file names it
         record["color_space"] = vip.getFileStringAttribute(job.output, "oiio:ColorSpace")
     if (stat.st_size, stat.st_mtime_ns) != (record.get("size"), record.get("mtime_ns")):
-        if stat.st_size != record.get("size"):
+        if stat.st_size != record.get("size") and not PACKAGED.match(job.source):
             return None
         try:
             now = source_record(job)
