@@ -178,4 +178,5 @@ def test_a_stand_in_build_says_in_one_line_that_assets_need_openusd(tmp_path):
     done = subprocess.run(BATCH + "in/asset.usda -o out --ext .png".split(), cwd=tmp_path, **CAPTURED)
     assert done.returncode == 2 and done.stderr == (
         "batch: in/asset.usda is a USD asset, and USD assets need a build of "
-        "vorel_usd_image_processing against OpenUSD; this one uses its stand-in\n")
+        "vorel_usd_image_processing against OpenUSD with UsdUtils; this one was built against the "
+        "stand-in (or an OpenUSD without UsdUtils)\n")

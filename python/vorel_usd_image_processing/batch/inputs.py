@@ -53,8 +53,8 @@ def plan(args: argparse.Namespace) -> tuple[list[Job], list[Asset], Planner]:
     assets = [(given, folder) for given, folder in found if is_asset(given)]
     if assets and not vip.usdAssetsAvailable:
         print(f"batch: {assets[0][0]} is a USD asset, and USD assets need a build of "
-              f"vorel_usd_image_processing against OpenUSD; this one uses its stand-in",
-              file=sys.stderr)
+              "vorel_usd_image_processing against OpenUSD with UsdUtils; this one was built "
+              "against the stand-in (or an OpenUSD without UsdUtils)", file=sys.stderr)
         raise SystemExit(2)
     # Assets first: a texture given as a file too is then the same job.
     planned = [planner.asset(given, folder) for given, folder in assets]
