@@ -48,9 +48,10 @@ def make(folder: pathlib.Path, files: int, size: int) -> None:
         vip.setColorSpace(image, "linear")
         assert vip.writeImage(image, folder / "textures" / f"t{i}.exr")
     shaders = "".join(SHADER.format(i=i) for i in range(files))
-    (folder / "layers/material.usda").write_text(f'#usda 1.0\ndef Material "Mat"\n{{\n{shaders}}}\n')
+    (folder / "layers/material.usda").write_text(
+        f'#usda 1.0\ndef Material "Mat"\n{{\n{shaders}}}\n')
     (folder / "asset.usda").write_text(
-        '#usda 1.0\ndef Xform "Model" (prepend references = @./layers/material.usda@</Mat>)\n{\n}\n')
+        '#usda 1.0\ndef "Model" (prepend references = @./layers/material.usda@</Mat>)\n{\n}\n')
 
 
 def run(folder: pathlib.Path, given: str, ext: str, workers: int) -> tuple[float, list[dict]]:
@@ -86,8 +87,8 @@ def main() -> int:
             times["asset"].append(seconds)
             asset_lines.append(report[-1]["seconds"])
     textures, asset = (statistics.median(times[k]) for k in ("textures", "asset"))
-    print(f"{args.files} textures of {args.size}x{args.size} to {args.ext}, {args.workers} workers, "
-          f"median of {args.repetitions}:")
+    print(f"{args.files} textures of {args.size}x{args.size} to {args.ext}, "
+          f"{args.workers} workers, median of {args.repetitions}:")
     print(f"  as files        {textures:7.2f} s")
     print(f"  as an asset     {asset:7.2f} s   ({asset / textures:.3f} x; writing and checking the "
           f"asset {statistics.median(asset_lines):.3f} s)")

@@ -40,8 +40,9 @@ def "Model" (prepend references = @./layers/material.usda@</Mat>)
 }
 """
 # shader: (texture, authored sourceColorSpace)
-SHADERS = {"Base": ("base.exr", ""), "Normal": ("normal.exr", "raw"), "Tint": ("normal.exr", "sRGB"),
-           "Rough": ("rough.<UDIM>.png", ""), "Mask": ("mask.png", "")}
+SHADERS = {"Base": ("base.exr", ""), "Normal": ("normal.exr", "raw"),
+           "Tint": ("normal.exr", "sRGB"), "Rough": ("rough.<UDIM>.png", ""),
+           "Mask": ("mask.png", "")}
 TILES = (1001, 1002, 1011)
 
 
@@ -59,7 +60,8 @@ def make_asset(folder, shaders):
     write(folder / "textures/bump.exr", gradient(16, 16, 3), "linear")
     write(folder / "textures/mask.png", gradient(16, 16, 1, np.uint8), "sRGB")
     for tile in TILES:
-        write(folder / f"textures/rough.{tile}.png", np.full((8, 8, 3), tile % 100, np.uint8), "sRGB")
+        tiles = np.full((8, 8, 3), tile % 100, np.uint8)
+        write(folder / f"textures/rough.{tile}.png", tiles, "sRGB")
     (folder / "textures/notes.txt").write_text("not an image")
     (folder / "textures/damaged.png").write_bytes((folder / "textures/mask.png").read_bytes()[:90])
     text = "".join(SHADER.format(name=name, file=file, space=f'        uniform token '
@@ -158,13 +160,15 @@ def test_an_image_in_a_package_reads_as_the_same_file_outside(tmp_path):
         np.testing.assert_array_equal(inside.pixels(), outside.pixels())
         assert vip.getMetadataFromImage(inside) == vip.getMetadataFromImage(outside)
     # a package referenced from a layer: written as a folder of its layers and textures
-    (tmp_path / "room.usda").write_text(ROOT.replace("./layers/material.usda@</Mat>", "./pkg.usdz@"))
-    done = subprocess.run(BATCH + "room.usda -o out -q --ext .jpg".split(), cwd=tmp_path, **CAPTURED)
+    room = ROOT.replace("./layers/material.usda@</Mat>", "./pkg.usdz@")
+    (tmp_path / "room.usda").write_text(room)
+    convert = BATCH + "room.usda -o out -q --ext .jpg".split()
+    done = subprocess.run(convert, cwd=tmp_path, **CAPTURED)
     assert done.returncode == 0 and "@./pkg/asset.usda@" in (tmp_path / "out/room.usda").read_text()
     assert len(list((tmp_path / "out/pkg/textures").glob("*.jpg"))) == 8
-    write(tmp_path / "textures/mask.png", gradient(32, 32, 1, np.uint8), "sRGB")  # the package grows
+    write(tmp_path / "textures/mask.png", gradient(32, 32, 1, np.uint8), "sRGB")  # a larger package
     assert vip.packageAsset(str(tmp_path / "asset.usda"), str(tmp_path / "pkg.usdz")) == ""
-    subprocess.run(BATCH + "room.usda -o out -q --ext .jpg --update".split(), cwd=tmp_path, **CAPTURED)
+    subprocess.run(convert + ["--update"], cwd=tmp_path, **CAPTURED)
     report = [json.loads(line) for line in (tmp_path / "out/batch-report.jsonl").open()]
     assert {e["input"].split("[")[-1]: e["status"] for e in report if e["status"] == "converted"} \
         == {"textures/mask.png]": "converted", "room.usda": "converted"}  # the one that changed
@@ -175,7 +179,8 @@ def test_an_image_in_a_package_reads_as_the_same_file_outside(tmp_path):
 
 @pytest.mark.skipif(vip.usdAssetsAvailable, reason="a build against OpenUSD reads assets")
 def test_a_stand_in_build_says_in_one_line_that_assets_need_openusd(tmp_path):
-    done = subprocess.run(BATCH + "in/asset.usda -o out --ext .png".split(), cwd=tmp_path, **CAPTURED)
+    command = BATCH + "in/asset.usda -o out --ext .png".split()
+    done = subprocess.run(command, cwd=tmp_path, **CAPTURED)
     assert done.returncode == 2 and done.stderr == (
         "batch: in/asset.usda is a USD asset, and USD assets need a build of "
         "vorel_usd_image_processing against OpenUSD with UsdUtils; this one was built against the "

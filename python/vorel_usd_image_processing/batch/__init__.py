@@ -10,7 +10,8 @@ crashed, timed_out or skipped. Each Dask worker converts in a child process of i
 file on which one of OpenImageIO's readers aborts costs that child, not the worker or the batch.
 
 Modules: job (what travels to a worker), inputs (finding inputs, planning outputs), operations
-(--op), convert (one file, in the converter process), child (the converter process, restarted after
-a crash or a timeout), converters (the cluster), update (the record kept with each output, and --update), assets (USD assets: their
-textures as jobs, and the asset written again), cli (the command line, progress and report).
+(--op), convert (one file, in the converter process), child (the converter process, restarted
+after a crash or a timeout), converters (the cluster), update (the record kept with each output,
+and --update), assets (USD assets: their textures as jobs, and the asset written again), cli (the
+command line, progress and report).
 """

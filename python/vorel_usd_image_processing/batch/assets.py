@@ -59,7 +59,8 @@ def usage(texture: dict[str, Any], file: str) -> str:
     if found is None:
         return "color"  # the job fails with the reader's own reason
     channels, sample_type = found
-    if sample_type in ("half", "float", "double") or (sample_type == "uint8" and channels in (3, 4)):
+    if sample_type in ("half", "float", "double") or (sample_type, channels) in (("uint8", 3),
+                                                                                ("uint8", 4)):
         return "color"
     return "raw"
 
@@ -223,7 +224,8 @@ def finish(asset: Asset, results: dict[str, Result], steps: Converter,
     for use in asset.uses:
         done = [results.get(output, {"input": output, "status": ""}) for output in use.outputs] \
             if use else []
-        bad = [result["input"] for result in done if result["status"] not in ("converted", "skipped")]
+        bad = [result["input"] for result in done
+               if result["status"] not in ("converted", "skipped")]
         if use is None or bad:
             problems += [f"not converted: {name}" for name in bad]
             targets.append(None)
@@ -269,8 +271,8 @@ def write(request: dict[str, Any]) -> list[str]:
             setattr(textures[-1], name, fields[name])
     found.textures = textures
     outputs, root, package = request["outputs"], request["root"], request["package"]
-    problems = [problem for problem in (copy_dependency(file, outputs[file]) for file in found.files)
-                if problem]
+    copied = (copy_dependency(file, outputs[file]) for file in found.files)
+    problems = [problem for problem in copied if problem]
     targets = [(target[0], target[1]) if target else None for target in request["targets"]]
     written = vip.writeAsset(found, outputs, targets)
     if written:

@@ -85,7 +85,8 @@ class Converter:
         return job.result("crashed", f"the converter process ended with {how} on each of {tries} "
                                      f"tries: {self._last_error()}", started)
 
-    def ask(self, request: dict[str, Any], timeout: float | None) -> dict[str, Any] | tuple[str, str]:
+    def ask(self, request: dict[str, Any],
+            timeout: float | None) -> dict[str, Any] | tuple[str, str]:
         """The child's reply to one request, tried once more in a fresh child if the first dies;
         otherwise the status (crashed, timed_out) and the reason."""
         for tries in (1, 2):

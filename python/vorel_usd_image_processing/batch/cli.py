@@ -150,7 +150,8 @@ def parse_args(argv: list[str] | None) -> argparse.Namespace:
     args.ext = args.ext if args.ext.startswith(".") else "." + args.ext
     given = [f"--{name.replace('_', '-')}" for name in TEXTURE_FLAGS if vars(args)[name]]
     if args.usdz and args.ext.lower() not in PACKAGE_EXTENSIONS:
-        parser.error(f"--usdz packages hold {', '.join(PACKAGE_EXTENSIONS)} textures, not {args.ext}")
+        parser.error(f"--usdz packages hold {', '.join(PACKAGE_EXTENSIONS)} textures, "
+                     f"not {args.ext}")
     if args.texture:
         if args.ext.lower() not in TEXTURE_EXTENSIONS:
             parser.error(f"--texture writes {', '.join(TEXTURE_EXTENSIONS)}, not {args.ext}")
