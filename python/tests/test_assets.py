@@ -98,19 +98,23 @@ def test_an_asset_points_at_its_converted_textures(tmp_path, options, ext, base_
     assert vip.checkAsset(str(root)) == []
     written = vip.findAssetDependencies(str(root))
     assert [f.rsplit("/", 1)[1].rstrip("]") for f in written.files] == ["notes.txt"]
-    authored = {t.attribute.rsplit("/", 1)[1].split(".")[0]: t for t in written.textures}
+    # by shader, the material's input as "Interface"; a package is flattened, its files in a folder
+    authored = {name.split(".")[0] if name.endswith(".inputs:file") else "Interface": t
+                for t in written.textures for name in [t.attribute.rsplit("/", 1)[1]]}
+    folder = "../textures/"
     expected = {"Base": ("base", base_space), "Normal": ("normal.raw", "raw"),
                 "Tint": ("normal", base_space), "Rough": ("rough.<UDIM>", "sRGB"),
                 "Mask": ("mask", "raw"),  # one 8-bit channel: data, as OpenUSD's "auto" has it
-                "Mat": ("bump", "raw")}  # data by the shader that the material's input feeds
-    assert {name: (t.assetPath, t.sourceColorSpace) for name, t in authored.items()} == {
-        name: (f"../textures/{stem}{ext}", space) for name, (stem, space) in expected.items()}
+                "Interface": ("bump", "raw")}  # data by the shader that the material's input feeds
+    assert {name: (folder + t.assetPath.rsplit("/", 1)[-1] if package else t.assetPath,
+                   t.sourceColorSpace) for name, t in authored.items()} == {
+        name: (f"{folder}{stem}{ext}", space) for name, (stem, space) in expected.items()}
     read = vip.readAssetImage if package else vip.readImage
     scale = 255 if ext == ".png" else 1
     linear = gradient(16, 16, 3)
     encoded = np.where(linear > 0.0031308, linear ** (1 / 2.4) * 1.055 - 0.055, linear * 12.92) \
         if ext == ".png" else linear  # a linear EXR as colour: sRGB in a PNG, linear in a .tx
-    for name, values in (("Normal", linear), ("Mat", linear), ("Tint", encoded), ("Base", encoded)):
+    for name, values in (("Normal", linear), ("Interface", linear), ("Tint", encoded), ("Base", encoded)):
         pixels = read(authored[name].files[0]).pixels()
         np.testing.assert_allclose(pixels / scale, values, atol=0.6 / scale, err_msg=name)
     spaces = {t["output"].rsplit("/", 1)[1]: t["color_space"] for t in textures}
@@ -154,9 +158,12 @@ def test_missing_and_damaged_textures_fail_the_asset_by_name(tmp_path, log):
 def test_an_image_in_a_package_reads_as_the_same_file_outside(tmp_path):
     make_asset(tmp_path, SHADERS)
     assert vip.packageAsset(str(tmp_path / "asset.usda"), str(tmp_path / "pkg.usdz")) == ""
-    for name in ("base.exr", "mask.png"):
-        inside = vip.readAssetImage(f"{tmp_path}/pkg.usdz[textures/{name}]")
-        outside = vip.readImage(tmp_path / "textures" / name)
+    inside_of = {t.attribute.rsplit("/", 1)[1].split(".")[0]: t.files[0]
+                 for t in vip.findAssetDependencies(str(tmp_path / "pkg.usdz")).textures}
+    for name, file in (("Base", "base.exr"), ("Mask", "mask.png")):
+        inside = vip.readAssetImage(inside_of[name])
+        assert ".usdz[" in inside_of[name]
+        outside = vip.readImage(tmp_path / "textures" / file)
         np.testing.assert_array_equal(inside.pixels(), outside.pixels())
         assert vip.getMetadataFromImage(inside) == vip.getMetadataFromImage(outside)
     # a package referenced from a layer: written as a folder of its layers and textures
@@ -164,16 +171,16 @@ def test_an_image_in_a_package_reads_as_the_same_file_outside(tmp_path):
     (tmp_path / "room.usda").write_text(room)
     convert = BATCH + "room.usda -o out -q --ext .jpg".split()
     done = subprocess.run(convert, cwd=tmp_path, **CAPTURED)
-    assert done.returncode == 0 and "@./pkg/asset.usda@" in (tmp_path / "out/room.usda").read_text()
-    assert len(list((tmp_path / "out/pkg/textures").glob("*.jpg"))) == 8
+    assert done.returncode == 0 and "@./pkg/asset.usdc@" in (tmp_path / "out/room.usda").read_text()
+    assert len(list((tmp_path / "out/pkg").rglob("*.jpg"))) == 8
     write(tmp_path / "textures/mask.png", gradient(32, 32, 1, np.uint8), "sRGB")  # a larger package
     assert vip.packageAsset(str(tmp_path / "asset.usda"), str(tmp_path / "pkg.usdz")) == ""
     subprocess.run(convert + ["--update"], cwd=tmp_path, **CAPTURED)
     report = [json.loads(line) for line in (tmp_path / "out/batch-report.jsonl").open()]
-    assert {e["input"].split("[")[-1]: e["status"] for e in report if e["status"] == "converted"} \
-        == {"textures/mask.png]": "converted", "room.usda": "converted"}  # the one that changed
+    assert {e["input"].split("/")[-1]: e["status"] for e in report if e["status"] == "converted"} \
+        == {"mask.png]": "converted", "room.usda": "converted"}  # the one that changed
     # OpenUSD's Hio road through Ar's package resolver, which the usd library registers
-    hio = vip.getImageFromAssetPath(f"{tmp_path}/pkg.usdz[textures/rough.1002.png]")
+    hio = vip.getImageFromAssetPath(inside_of["Rough"])
     assert vip.getColorSpace(hio) == "sRGB" and hio.pixels().shape == (8, 8, 3)
 
 

@@ -378,7 +378,7 @@ std::vector<std::string> checkAsset(const std::string& assetPath) {
 std::string packageAsset(const std::string& rootLayer, const std::string& usdzPath) {
     const UsdUtilsCoalescingDiagnosticDelegate quiet;  // a file it can't add is an error too
     const TfErrorMark mark;
-    const bool packaged = UsdUtilsCreateNewUsdzPackage(SdfAssetPath(rootLayer), usdzPath);
+    const bool packaged = UsdUtilsCreateNewARKitUsdzPackage(SdfAssetPath(rootLayer), usdzPath);
     if (packaged && mark.IsClean()) {
         return "";
     }

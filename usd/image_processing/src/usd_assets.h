@@ -57,7 +57,8 @@ std::string writeAsset(const AssetDependencies& dependencies,
 /// it resolves; otherwise OpenUSD's reason or one line per path that resolves to nothing.
 std::vector<std::string> checkAsset(const std::string& assetPath);
 
-/// Packages the asset whose root layer is `rootLayer`, and what it depends on, into `usdzPath`.
+/// Packages the asset whose root layer is `rootLayer`, and what it depends on, into `usdzPath`
+/// as ARKit takes it: one binary layer (flattened when there are more), then the files.
 /// Returns OpenUSD's reason on failure, else an empty string.
 std::string packageAsset(const std::string& rootLayer, const std::string& usdzPath);
 
