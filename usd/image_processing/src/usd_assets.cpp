@@ -178,13 +178,15 @@ using ColorSpaces = std::map<std::pair<std::string, std::string>, std::string>;
 /// connected to it, wherever in the layer stack either is authored.
 ColorSpaces composedColorSpaces(const std::string& assetPath) {
     ColorSpaces spaces;
-    const TfErrorMark mark;  // the layers opened before: what the stage adds is not the asset's
+    // The asset's own errors come from opening its layers, before; the stage's are left out.
+    const TfErrorMark mark;
     const UsdStageRefPtr stage = UsdStage::Open(assetPath);
     mark.Clear();
     if (!stage) {
         return spaces;
     }
-    for (const UsdPrim& prim : stage->Traverse()) {
+    // Into instances too: their shaders are the prototypes' specs.
+    for (const UsdPrim& prim : stage->Traverse(UsdTraverseInstanceProxies())) {
         const UsdShadeShader shader(prim);
         TfToken id;
         if (!prim.IsA<UsdShadeShader>() || !shader.GetShaderId(&id) || id != kUvTexture) {
