@@ -6,6 +6,7 @@ process, not the worker or the batch; the same process is what a timeout kills.
 
 from __future__ import annotations
 
+import dataclasses
 import json
 import os
 import pathlib
@@ -54,36 +55,14 @@ class Converter:
         text = self.errors.read().decode(errors="replace").strip().splitlines()
         return text[-1][:300] if text else ""
 
-    def run_once(self, job: Job) -> Result | None:
-        """The child's result, a timed_out result, or None when the child died on the way."""
-        child = self._start()
-        assert child.stdin is not None and child.stdout is not None
-        started = time.monotonic()
-        child.stdin.write(job.to_json() + "\n")
-        child.stdin.flush()
-        ready, _, _ = select.select([child.stdout], [], [], job.timeout)
-        if not ready:
-            self._stop()
-            pathlib.Path(job.partial).unlink(missing_ok=True)
-            return job.result("timed_out",
-                              f"no result within {job.timeout:g} s; the converter was killed",
-                              started)
-        reply = child.stdout.readline()
-        result: Result | None = json.loads(reply) if reply else None
-        return result
-
     def run(self, job: Job) -> Result:
-        """Tries a file that takes the child down once more in a fresh child, then gives up."""
+        """The job's result; a file that takes the child down is tried once more in a fresh one."""
         started = time.monotonic()
-        for tries in (1, 2):
-            result = self.run_once(job)
-            if result is not None:
-                return result
-            code = self._stop()
+        answer = self.ask(dataclasses.asdict(job), job.timeout)
+        if isinstance(answer, tuple):
             pathlib.Path(job.partial).unlink(missing_ok=True)
-        how = f"signal {signal.Signals(-code).name}" if code < 0 else f"exit status {code}"
-        return job.result("crashed", f"the converter process ended with {how} on each of {tries} "
-                                     f"tries: {self._last_error()}", started)
+            return job.result(*answer, started)
+        return answer
 
     def ask(self, request: dict[str, Any],
             timeout: float | None) -> dict[str, Any] | tuple[str, str]:
