@@ -40,20 +40,41 @@ void bindUsdAssets(py::module_& m) {
         "writeAsset",
         [](const assets::AssetDependencies& dependencies,
            const std::map<std::string, std::string>& outputs,
-           const std::vector<std::optional<std::pair<std::string, std::string>>>& targets) {
+           const std::vector<std::optional<std::pair<std::string, std::string>>>& targets,
+           const std::map<std::string, std::string>& temporaries) {
             std::vector<std::optional<assets::TextureTarget>> textureTargets;
             for (const auto& target : targets) {
                 textureTargets.push_back(
                     target ? std::optional(assets::TextureTarget{target->first, target->second})
                            : std::nullopt);
             }
-            return ipy::callWithoutGil(
-                [&] { return assets::writeAsset(dependencies, outputs, textureTargets); });
+            return ipy::callWithoutGil([&] {
+                return assets::writeAsset(dependencies, outputs, textureTargets, temporaries);
+            });
         },
         "dependencies"_a, "outputs"_a, "targets"_a,
-        "Writes each layer to outputs[layer], texture i pointing at targets[i] = (path, "
-        "sourceColorSpace) unless None, other dependencies at their outputs; OpenUSD's reason "
-        "on failure, else ''.");
+        "temporaries"_a = std::map<std::string, std::string>{},
+        "Writes each layer as it is to lie at outputs[layer] (exported to temporaries[layer] "
+        "where given), texture i pointing at targets[i] = (path, sourceColorSpace) unless None, "
+        "other dependencies at their outputs; OpenUSD's reason on failure, else ''.");
+    m.def(
+        "listPackage",
+        [](const std::string& packagePath)
+            -> std::optional<std::vector<std::pair<std::string, bool>>> {
+            const auto members =
+                ipy::callWithoutGil([&] { return assets::listPackage(packagePath); });
+            if (!members) {
+                return std::nullopt;
+            }
+            std::vector<std::pair<std::string, bool>> listed;
+            for (const assets::PackageMember& member : *members) {
+                listed.emplace_back(member.name, member.stored);
+            }
+            return listed;
+        },
+        "packagePath"_a,
+        "(name, stored) of each member of a .usdz package as OpenUSD reads it, the root layer "
+        "first; stored is false for a compressed or encrypted member; None for no zip archive.");
     m.def("checkAsset", ipy::withoutGil(&assets::checkAsset), "assetPath"_a,
           "What is wrong with an asset: [] when UsdStage::Open opens it and every path resolves.");
     m.def(

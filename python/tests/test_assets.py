@@ -10,6 +10,7 @@ import pytest
 
 import vorel_usd_image_processing as vip
 from conftest import LOGGER, gradient
+import test_safety
 from test_batch import BATCH, CAPTURED
 
 needs_openusd = pytest.mark.skipif(
@@ -139,10 +140,10 @@ def test_missing_and_damaged_textures_fail_the_asset_by_name(tmp_path, log):
     assert "TMP/out/textures/gone.png" in reason  # the written asset doesn't resolve it either
     assert "gone" not in (tmp_path / "out/layers/material.usda").read_text().split("Gone")[0]
 
-    os.mkfifo(tmp_path / "slow.usda")  # OpenUSD waits on it for a writer that never comes
-    done = subprocess.run(BATCH + "slow.usda -o slow -q --ext .png --timeout 2".split(),
-                          cwd=tmp_path, **CAPTURED)
-    assert json.loads((tmp_path / "slow/batch-report.jsonl").read_text())["status"] == "timed_out"
+    os.mkfifo(tmp_path / "slow.usda")  # OpenUSD would wait on it for a writer that never comes
+    done = subprocess.run(BATCH + "slow.usda -o slow -q --ext .png".split(), cwd=tmp_path, **CAPTURED)
+    assert [json.loads((tmp_path / "slow/batch-report.jsonl").read_text())[key]
+            for key in ("status", "reason")] == ["failed", "not a regular file"]
 
     broken = tmp_path / "broken.usda"
     broken.write_text("#usda 1.0\ndef Xform {\n")
@@ -192,3 +193,74 @@ def test_a_stand_in_build_says_in_one_line_that_assets_need_openusd(tmp_path):
         "batch: in/asset.usda is a USD asset, and USD assets need a build of "
         "vorel_usd_image_processing against OpenUSD with UsdUtils; this one was built against the "
         "stand-in (or an OpenUSD without UsdUtils)\n")
+
+
+def package(path, members):
+    """A .usdz of (name, bytes) members, stored as OpenUSD writes them, whatever their names."""
+    import zipfile
+    with zipfile.ZipFile(path, "w", zipfile.ZIP_STORED) as archive:
+        for name, data in members:
+            archive.writestr(zipfile.ZipInfo(name), data)
+
+
+TEXTURED = '#usda 1.0\ndef Shader "T"\n{{\n    uniform token info:id = "UsdUVTexture"\n' \
+    '    asset inputs:file = @{texture}@\n}}\n{extra}'
+
+
+@needs_openusd
+@pytest.mark.parametrize("case, command, status, reason", [
+    ("climbing member", "in/pkg.usdz -o out/deep --ext .png", 1,
+     "TMP/in/pkg.usdz: package member ../../slipped.png climbs out of the package with '..'"),
+    ("absolute member", "in/abs.usdz -o out --ext .png", 1,
+     "TMP/in/abs.usdz: package member /tmp/abs.png has an absolute name"),
+    ("device", "in/device.usda -o out --ext .png", 1, "/dev/zero: not a regular file"),
+    ("outside, untrusted", "in/outside.usda -o out --ext .png --untrusted", 1,
+     "depends on files outside its folder TMP/in (--untrusted): TMP/elsewhere/notes.txt"),
+    ("outside, trusted", "in/outside.usda -o out --ext .png", 0, ""),
+    ("layer onto layer", "in -o out --ext .png", 2,
+     "TMP/in/chair.usdz[chair.usda] and TMP/in/chair/chair.usda would both be written to "
+     "TMP/out/chair/chair.usda"),
+    ("--usdz onto the sources", "in/outside.usda -o in --ext .png --usdz", 2,
+     "TMP/in/outside.usda would be written over the source TMP/in/outside.usda"),
+])
+def test_a_hostile_asset_writes_nothing_outside_and_copies_nothing_it_doesnt_own(
+        tmp_path, case, command, status, reason):
+    folder = tmp_path / "in"
+    folder.mkdir()
+    png = tmp_path / "t.png"
+    write(png, gradient(8, 8, 3, np.uint8), "sRGB")
+    texture = png.read_bytes()
+    package(folder / "pkg.usdz", [("root.usda", TEXTURED.format(texture="../../slipped.png",
+                                                                  extra="")),
+                                   ("../../slipped.png", texture)])
+    package(folder / "abs.usdz", [("root.usda", TEXTURED.format(texture="t.png", extra="")),
+                                  ("t.png", texture), ("/tmp/abs.png", texture)])
+    (folder / "t.png").write_bytes(texture)
+    (folder / "device.usda").write_text(TEXTURED.format(
+        texture="./t.png", extra='def "Secret" { asset secret = @/dev/zero@ }\n'))
+    (tmp_path / "elsewhere").mkdir()
+    (tmp_path / "elsewhere/notes.txt").write_text("not the asset's")
+    (folder / "outside.usda").write_text(TEXTURED.format(
+        texture="./t.png", extra='def "Notes" { asset notes = @../elsewhere/notes.txt@ }\n'))
+    if case == "layer onto layer":
+        for name in ("pkg.usdz", "abs.usdz", "device.usda", "outside.usda"):
+            (folder / name).unlink()
+        package(folder / "chair.usdz", [("chair.usda", "#usda 1.0\n")])
+        (folder / "chair").mkdir()
+        (folder / "chair/chair.usda").write_text("#usda 1.0\n")
+    before = test_safety.sources(tmp_path)
+    done = subprocess.run(BATCH + command.split() + ["-q"], cwd=tmp_path, **CAPTURED)
+    assert done.returncode == status, done.stderr
+    assert test_safety.sources(tmp_path) == before
+    out = tmp_path / command.split("-o ")[1].split()[0]
+    if status == 2:
+        assert done.stderr.replace(str(tmp_path), "TMP").splitlines()[0] == f"batch: refused: {reason}"
+        return
+    report = [json.loads(line) for line in (out / "batch-report.jsonl").open()]
+    assert report[-1]["reason"].replace(str(tmp_path), "TMP") == reason
+    written = sorted(p.relative_to(out).as_posix() for p in out.rglob("*") if p.is_file())
+    if status == 1:  # nothing of the asset
+        assert [entry["status"] for entry in report] == ["failed"] and written == [
+            ".batch.lock", "batch-report.jsonl"]
+    else:  # an asset of one's own may use files beside it
+        assert "_external/" + str(tmp_path / "elsewhere/notes.txt").lstrip("/") in written

@@ -35,7 +35,7 @@ def test_every_input_once_then_a_rerun_skips_the_finished_ones(tmp_path):
     # TBHD flags with BLACK set: OpenImageIO 2.4.7's IFF reader aborts on its assertion.
     crash = (tmp_path / "in" / "crash.iff").read_bytes()
     (tmp_path / "in" / "crash.iff").write_bytes(crash[:32] + b"\x7f\xff\xff\xff" + crash[36:])
-    os.mkfifo(tmp_path / "slow.png")  # opening it waits for a writer that never comes
+    os.mkfifo(tmp_path / "slow.png")  # opening it would wait for a writer that never comes
     command = "in slow.png -o out --ext .png --op fit=32x32 --workers 2 --timeout 3 --untrusted"
     done = subprocess.run(BATCH + command.split(), cwd=tmp_path, **CAPTURED)
     assert done.returncode == 1, done.stderr
@@ -47,7 +47,7 @@ def test_every_input_once_then_a_rerun_skips_the_finished_ones(tmp_path):
                                       '"TMP/in/misnamed.exr" is not an OpenEXR file', "converted"),
         "in/crash.iff": ("crashed", "the converter process ended with signal SIGABRT on each of 2 tries: "
                                     r".*Assertion '!\(flags & BLACK\)' failed.*", "crashed"),
-        "slow.png": ("timed_out", "no result within 3 s; the converter was killed", None),
+        "slow.png": ("failed", "not a regular file", None),
     }
     report = [json.loads(line) for line in (tmp_path / "out" / "batch-report.jsonl").open()]
     assert sorted(entry["input"] for entry in report) == sorted(expected)
@@ -60,7 +60,7 @@ def test_every_input_once_then_a_rerun_skips_the_finished_ones(tmp_path):
             assert vip.getColorSpace(image) == "sRGB" and image.pixels().shape == (21, 32, 3)
     out = tmp_path / "out"
     assert sorted(p.relative_to(out).as_posix() for p in out.rglob("*")) == \
-        ["a.png", "batch-report.jsonl", "c.png", "d.png", "sub", "sub/b.png"]
+        [".batch.lock", "a.png", "batch-report.jsonl", "c.png", "d.png", "sub", "sub/b.png"]
 
     before = {p: p.stat().st_mtime_ns for p in out.rglob("*.png")}
     command = "in -o out --ext .png --skip-existing --workers 1 -q --report again.jsonl"
@@ -89,6 +89,17 @@ def test_a_killed_batch_leaves_no_half_written_output(tmp_path):
         np.testing.assert_array_equal(vip.readImage(path).pixels(), expected.pixels())
 
 
+def test_a_conversion_past_its_timeout_is_killed_and_reported(tmp_path):
+    write(tmp_path / "in" / "a.exr")
+    command = "in -o out --ext .exr --op resize=4000x4000 --timeout 0.2 -q --workers 1"
+    done = subprocess.run(BATCH + command.split(), cwd=tmp_path, **CAPTURED)
+    report = json.loads((tmp_path / "out" / "batch-report.jsonl").read_text())
+    assert done.returncode == 1 and [report["status"], report["reason"]] == [
+        "timed_out", "no result within 0.2 s; the converter was killed"]
+    assert sorted(p.name for p in (tmp_path / "out").iterdir()) == [".batch.lock",
+                                                                   "batch-report.jsonl"]
+
+
 def run_batch(folder, command):
     done = subprocess.run(BATCH + command.split() + ["-q", "--workers", "2"], cwd=folder, **CAPTURED)
     assert done.returncode == 0, done.stderr
@@ -115,7 +126,7 @@ def test_update_redoes_exactly_what_changed_and_textures_are_tiled(tmp_path, opt
         name: ("converted", "", color) for name, color in zip(sources, colors)}
     out, ext = tmp_path / "out", options.split("--ext ")[1].split()[0]
     outputs = {"a.png": "a", "sub/b.exr": "sub/b", "c.bmp": "c"}
-    files = ["batch-report.jsonl"] + [o + ext for o in outputs.values()] + \
+    files = [".batch.lock", "batch-report.jsonl"] + [o + ext for o in outputs.values()] + \
         [re.sub(r"(\w+)$", rf".\1{ext}.batch-record", o) for o in outputs.values() if records]
     assert sorted(p.relative_to(out).as_posix() for p in out.rglob("*.*")) == sorted(files)
     for name, output in outputs.items() if "--texture" in options else ():
@@ -165,9 +176,13 @@ def test_update_redoes_exactly_what_changed_and_textures_are_tiled(tmp_path, opt
 ])
 def test_a_mistake_at_first_use_is_one_line_and_status_2(tmp_path, arguments, message):
     write(tmp_path / "in" / "a.png")
-    (tmp_path / "distributed").mkdir()  # a Python without Dask's distributed
-    (tmp_path / "distributed" / "__init__.py").write_text(
-        "raise ModuleNotFoundError(\"No module named 'distributed'\", name='distributed')\n")
+    (tmp_path / "sitecustomize.py").write_text(  # a Python without Dask's distributed
+        "import sys\n"
+        "class NoDistributed:\n"
+        "    def find_spec(self, name, path=None, target=None):\n"
+        "        if name.partition('.')[0] == 'distributed':\n"
+        "            raise ModuleNotFoundError(f'No module named {name!r}', name=name)\n"
+        "sys.meta_path.insert(0, NoDistributed())\n")
     env = dict(ENV, PYTHONPATH=os.pathsep.join([str(tmp_path), ENV["PYTHONPATH"]]))
     done = subprocess.run(BATCH + arguments.split(), cwd=tmp_path, **dict(CAPTURED, env=env))
     assert done.returncode == 2 and re.fullmatch(message, done.stderr.splitlines()[-1]), done.stderr

@@ -9,7 +9,11 @@ Every input is reported exactly once, as a line of JSON, with the status convert
 crashed, timed_out or skipped. Each Dask worker converts in a child process of its own, so that a
 file on which one of OpenImageIO's readers aborts costs that child, not the worker or the batch.
 
-Modules: job (what travels to a worker), inputs (finding inputs, planning outputs), operations
+The batch plans every path it reads and writes before anything runs, and refuses a plan that would
+write over a source, outside the output folder, or two sources to one output.
+
+Modules: job (what travels to a worker), inputs (finding inputs), plan (every path read and
+written, checked as a whole), paths (the rules on paths), operations
 (--op), convert (one file, in the converter process), child (the converter process, restarted
 after a crash or a timeout), converters (the cluster), update (the record kept with each output,
 and --update), assets (USD assets: their textures as jobs, and the asset written again), cli (the

@@ -16,15 +16,14 @@ import os
 import pathlib
 import re
 import shutil
-import sys
 import time
-import zipfile
 from typing import Any
 
 import vorel_usd_image_processing as vip
 
 from .child import Converter
-from .job import Job, Result
+from .job import Job, Result, Settings, partial_name
+from .paths import NOT_REGULAR, is_regular, lies_under, member_problem
 
 ASSET_EXTENSIONS = (".usd", ".usda", ".usdc", ".usdz")
 PACKAGE_EXTENSIONS = (".png", ".jpg", ".jpeg")  # the textures a .usdz may hold
@@ -96,8 +95,10 @@ class Planner:
 
     def __init__(self, args: argparse.Namespace, attributes: tuple[tuple[str, int], ...]) -> None:
         self.args, self.attributes = args, attributes
+        self.settings = Settings(attributes, vip.__version__)
         self.jobs: dict[tuple[str, str], Job] = {}  # (source, usage) → its job
         self.claimed: dict[str, tuple[str, str]] = {}  # output → (source, usage)
+        self.failed: list[Result] = []  # inputs that fail before anything runs
         self.steps = Converter()  # OpenUSD on strangers' assets, in a process of its own
 
     def location(self, resolved: str, folder: pathlib.Path) -> pathlib.Path:
@@ -111,12 +112,11 @@ class Planner:
         except ValueError:
             return output / "_external" / path.relative_to(path.anchor)
 
-    def layer_output(self, layer: str, folder: pathlib.Path) -> str:
+    def layer_output(self, layer: str, folder: pathlib.Path, packages: dict[str, Any]) -> str:
         """Where a layer is written; a package's root layer, in a folder named after it."""
         place = self.location(layer, folder)
         if not is_packaged(layer) and place.suffix.lower() == ".usdz":
-            with zipfile.ZipFile(layer) as package:  # its first file is its root layer
-                return str(place.with_suffix("") / package.namelist()[0])
+            return str(place.with_suffix("") / packages[layer][0][0])  # its first member
         return str(place)
 
     def job(self, given: str, source: str, kind: str, place: pathlib.Path, asset: str = "") -> Job:
@@ -136,37 +136,45 @@ class Planner:
         self.claimed[output] = (source, kind)
         job = Job(given, source, output, tuple(self.args.op), self.args.png_compression,
                   self.attributes, self.args.timeout, self.args.texture,
-                  usage="raw" if kind == "raw" else "", asset=asset)
+                  usage="raw" if kind == "raw" else "", asset=asset, version=vip.__version__)
         self.jobs[(source, kind)] = job
         return job
 
     def file(self, given: str, folder: pathlib.Path) -> None:
-        """A file input: the colour policy, the job an asset may already have made of it."""
+        """A file input: the colour policy, the job an asset may already have made of it. Its
+        output is its place with the new extension, even when another source claims that name:
+        the plan then refuses the two."""
         source = str(pathlib.Path(given).absolute())
         place = self.location(source, folder)
-        taken = self.claimed.get(str(place.with_suffix(self.args.ext)))
-        if taken is not None and taken[0] != source:
-            sys.exit(f"batch: {taken[0]} and {given} would both be written to "
-                     f"{place.with_suffix(self.args.ext)}")
-        self.job(given, source, "color", place)
+        if not is_regular(source):
+            output = str(place.with_suffix(self.args.ext))
+            self.failed.append(Job(given, source, output).result("failed", NOT_REGULAR))
+        elif (source, "color") not in self.jobs:
+            output = str(place.with_suffix(self.args.ext))
+            self.claimed.setdefault(output, (source, "color"))
+            self.jobs[(source, "color")] = Job(
+                given, source, output, tuple(self.args.op), self.args.png_compression,
+                self.attributes, self.args.timeout, self.args.texture, version=vip.__version__)
 
     def asset(self, given: str, folder: pathlib.Path) -> Asset:
         source = str(pathlib.Path(given).absolute())
         place = self.location(source, folder)
         asset = Asset(given, str(place.with_suffix(".usdz") if self.args.usdz else place))
-        walked = self.steps.ask({"asset_step": "walk", "source": source}, self.args.timeout)
+        if not is_regular(source):
+            asset.error = NOT_REGULAR
+            return asset
+        own = os.path.dirname(source) if self.args.untrusted else ""
+        walked = self.steps.ask({"asset_step": "walk", "source": source, "confine": own},
+                                self.args.timeout, self.settings)
         if isinstance(walked, tuple):
             asset.error_status, asset.error = walked
             return asset
         asset.dependencies = found = walked
-        if found["error"]:
-            asset.error = found["error"]
+        asset.error = found["error"] or refusal(found, own)
+        if asset.error:
             return asset
-        try:
-            asset.outputs = {layer: self.layer_output(layer, folder) for layer in found["layers"]}
-        except (OSError, zipfile.BadZipFile) as error:  # a package that OpenUSD opened, but not zip
-            asset.error = f"{error}"
-            return asset
+        asset.outputs = {layer: self.layer_output(layer, folder, found["packages"])
+                         for layer in found["layers"]}
         asset.root_layer = asset.outputs[found["rootLayer"]]
         if not self.args.usdz:
             asset.output = asset.root_layer
@@ -191,17 +199,61 @@ class Planner:
         return Use(str(target), kind, [job.output for job in jobs])
 
 
+def read_files(found: dict[str, Any]) -> list[str]:
+    """Every file on disk that an asset's walk found it to read: layers, packages, textures and
+    other files."""
+    files = found["layers"] + found["files"] + [file for texture in found["textures"]
+                                                for file in texture["files"]]
+    return list(dict.fromkeys(outer_file(file) for file in files))
+
+
+def refusal(found: dict[str, Any], own: str) -> str:
+    """Why the asset is failed before anything of it is read or written, or ''. A package with a
+    member that would land outside the output folder, a dependency that is no regular file and,
+    with `own` (--untrusted), one outside the asset's own folder."""
+    problems = []
+    for package, members in found["packages"].items():
+        if members is None:
+            problems.append(f"{package}: OpenUSD can't read it as a package")
+        else:
+            named = (member_problem(name, stored) for name, stored in members)
+            problems += [f"{package}: {problem}" for problem in named if problem]
+    files = read_files(found)
+    problems += [f"{file}: {NOT_REGULAR}" for file in files if not is_regular(file)]
+    if own:
+        outside = [file for file in files if not lies_under(file, own)]
+        if outside:
+            problems.append(f"depends on files outside its folder {own} (--untrusted): "
+                            + ", ".join(outside))
+    return "; ".join(problems)
+
+
+def write_file(output: str, data: bytes | None = None, source: str = "") -> None:
+    """Writes `data` (or a copy of `source`) under a temporary name, then renames it."""
+    os.makedirs(os.path.dirname(output), exist_ok=True)
+    partial = partial_name(output)
+    try:
+        if data is None:
+            shutil.copyfile(source, partial)
+        else:
+            pathlib.Path(partial).write_bytes(data)
+        os.replace(partial, output)
+    finally:
+        pathlib.Path(partial).unlink(missing_ok=True)
+
+
 def copy_dependency(source: str, output: str) -> str:
     """Copies a file that is not converted (a MaterialX document, ...); a reason on failure."""
-    os.makedirs(os.path.dirname(output), exist_ok=True)
+    if not is_regular(outer_file(source)):
+        return f"{source}: {NOT_REGULAR}"
     if is_packaged(source):
         data = vip.readAssetBytes(source)
         if data is None:
             return f"{source} can't be read"
-        pathlib.Path(output).write_bytes(data)
+        write_file(output, data)
         return ""
     try:
-        shutil.copyfile(source, output)
+        write_file(output, source=source)
     except OSError as error:
         return f"{source}: {error.strerror}"
     return ""
@@ -213,7 +265,7 @@ def space(result: Result) -> str:
 
 
 def finish(asset: Asset, results: dict[str, Result], steps: Converter,
-           timeout: float | None) -> Result:
+           timeout: float | None, settings: Settings) -> Result:
     """Writes the asset once its textures are done, and checks that it opens and resolves."""
     started = time.monotonic()
     if asset.error:
@@ -235,7 +287,7 @@ def finish(asset: Asset, results: dict[str, Result], steps: Converter,
     written = steps.ask({"asset_step": "write", "dependencies": found, "outputs": asset.outputs,
                          "targets": targets, "root": asset.root_layer,
                          "package": asset.output if asset.output != asset.root_layer else ""},
-                        timeout)
+                        timeout, settings)
     if isinstance(written, tuple):
         return asset.result(written[0], written[1], started)
     unique = list(dict.fromkeys(problems + written["problems"]))
@@ -250,8 +302,18 @@ def step(request: dict[str, Any]) -> dict[str, Any]:
         walked = {name: getattr(found, name) for name in _FIELDS}
         walked["textures"] = [{name: getattr(texture, name) for name in _TEXTURE_FIELDS}
                               for texture in found.textures]
+        # One reader of packages, OpenUSD's, for listing as for converting.
+        walked["packages"] = {package: vip.listPackage(package)
+                              for package in read_files(walked)
+                              if pathlib.Path(package).suffix.lower() == ".usdz"}
+        own = request["confine"]
         for texture in walked["textures"]:
-            texture["usage"] = usage(texture, texture["files"][0]) if texture["files"] else ""
+            files = texture["files"]
+            # A header is read only from a file that the plan may take.
+            readable = files and all(is_regular(outer_file(file)) and
+                                     (not own or lies_under(outer_file(file), own))
+                                     for file in files)
+            texture["usage"] = usage(texture, files[0]) if readable else ""
         return walked
     return {"problems": write(request)}
 
@@ -271,19 +333,30 @@ def write(request: dict[str, Any]) -> list[str]:
             setattr(textures[-1], name, fields[name])
     found.textures = textures
     outputs, root, package = request["outputs"], request["root"], request["package"]
-    copied = (copy_dependency(file, outputs[file]) for file in found.files)
-    problems = [problem for problem in copied if problem]
+    copied = {file: copy_dependency(file, outputs[file]) for file in found.files}
+    problems = [problem for problem in copied.values() if problem]
+    wrote = [outputs[file] for file, problem in copied.items() if not problem]
     targets = [(target[0], target[1]) if target else None for target in request["targets"]]
-    written = vip.writeAsset(found, outputs, targets)
+    temporaries = {layer: partial_name(outputs[layer]) for layer in found.layers}
+    written = vip.writeAsset(found, outputs, targets, temporaries)
+    for layer, temporary in temporaries.items():  # all in place, or none
+        if not written and os.path.exists(temporary):
+            os.replace(temporary, outputs[layer])
+            wrote.append(outputs[layer])
+        pathlib.Path(temporary).unlink(missing_ok=True)
     if written:
         return problems + [written]
     problems += vip.checkAsset(root)
     if package:
-        problems += filter(None, [vip.packageAsset(root, package)])
-        for layer_or_file in outputs.values():  # the package holds them now
-            pathlib.Path(layer_or_file).unlink(missing_ok=True)
+        packaged = vip.packageAsset(root, partial_name(package))
+        if not packaged:
+            os.replace(partial_name(package), package)
+        pathlib.Path(partial_name(package)).unlink(missing_ok=True)
+        problems += filter(None, [packaged])
+        for file in wrote:  # the package holds them now; only what this run wrote goes
+            pathlib.Path(file).unlink(missing_ok=True)
             try:
-                os.removedirs(os.path.dirname(layer_or_file))
+                os.removedirs(os.path.dirname(file))
             except OSError:
                 pass  # a folder that holds more (converted textures)
         if os.path.exists(package):

@@ -3,6 +3,9 @@
 from __future__ import annotations
 
 import argparse
+import contextlib
+import fcntl
+import importlib.util
 import itertools
 import json
 import os
@@ -15,10 +18,12 @@ import vorel_usd_image_processing as vip
 
 from . import __doc__ as _package_doc
 from .assets import PACKAGE_EXTENSIONS, finish
-from .inputs import plan
 from .job import Job, Result, Texture
 from .operations import OPERATIONS, parse_op
+from .plan import LOCK, Plan, check, describe, make_plan, refuse, remove_leftovers
 from .update import up_to_date
+
+UNTRUSTED_TIMEOUT = 600.0  # seconds, for --untrusted without --timeout
 
 
 class Progress:
@@ -95,12 +100,21 @@ def no_dask(name: str) -> SystemExit:
     return SystemExit(2)
 
 
+def dask_found() -> bool:
+    """Whether this Python has Dask's distributed, without the second that importing it takes
+    (a run of --update may need no cluster at all)."""
+    try:
+        return importlib.util.find_spec("distributed") is not None
+    except (ImportError, ValueError):
+        return False
+
+
 def parse_args(argv: list[str] | None) -> argparse.Namespace:
     parser = argparse.ArgumentParser(
         prog="python3 -m vorel_usd_image_processing.batch",
         description=(_package_doc or "").splitlines()[0])
     parser.add_argument("inputs", nargs="*", metavar="INPUT",
-                        help="files, folders (every file in them), globs or @LIST files of paths")
+                        help="files, folders (the images and USD assets in them), globs or @LIST files of paths")
     parser.add_argument("-o", "--output", type=pathlib.Path, help="the folder to write into")
     parser.add_argument("--ext", help="the extension to convert to, such as .png or .exr")
     parser.add_argument("--op", action="append", default=[], type=parse_op, metavar="NAME=ARGS",
@@ -139,12 +153,21 @@ def parse_args(argv: list[str] | None) -> argparse.Namespace:
                       help="convert only where the output is missing or damaged, or was made "
                            "from other source bytes or other options")
     parser.add_argument("--untrusted", action="store_true",
-                        help="set the limits below and try_all_readers 0 in every converter")
+                        help="set the limits below and try_all_readers 0 in every converter, "
+                             "follow no link out of a folder walked, and fail an asset that "
+                             "depends on files outside its own folder; the timeout is then "
+                             f"{UNTRUSTED_TIMEOUT:g} s unless --timeout says otherwise")
     parser.add_argument("--max-image-mb", type=int, default=2048, metavar="MB")
     parser.add_argument("--max-channels", type=int, default=64, metavar="N")
-    parser.add_argument("--timeout", type=float, metavar="SECONDS", help="per file")
+    parser.add_argument("--timeout", type=float, metavar="SECONDS",
+                        help="per file, and per step of an asset")
+    parser.add_argument("--dry-run", action="store_true",
+                        help="print the plan (each input and its outputs, or why it is refused) "
+                             "and write nothing")
     parser.add_argument("-q", "--quiet", action="store_true", help="no progress")
     args = parser.parse_args(argv)
+    if args.untrusted and args.timeout is None:
+        args.timeout = UNTRUSTED_TIMEOUT
     if not (args.inputs and args.output and args.ext):
         parser.error("INPUT, -o OUTDIR and --ext are required")
     args.ext = args.ext if args.ext.startswith(".") else "." + args.ext
@@ -165,10 +188,45 @@ def parse_args(argv: list[str] | None) -> argparse.Namespace:
     return args
 
 
+@contextlib.contextmanager
+def locked(folder: pathlib.Path) -> Iterator[None]:
+    """Holds the output folder's lock, or exits with status 2 while another batch holds it. The
+    lock is the kernel's on an open file, so a killed batch doesn't leave it held."""
+    path = folder / LOCK
+    with open(path, "a") as lock:
+        try:
+            fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        except OSError:
+            print(f"batch: another batch is writing into {folder} (it holds {path}); nothing "
+                  "was written", file=sys.stderr)
+            raise SystemExit(2) from None
+        yield
+
+
 def main(argv: list[str] | None = None) -> int:
     args = parse_args(argv)
-    jobs, assets, planner = plan(args)
-    skipped, pending = triage(jobs, args)
+    plan = make_plan(args)
+    try:
+        refused = check(plan)
+        if args.dry_run:
+            for line in describe(plan, refused):
+                print(line)
+            return 2 if refused else 0
+        if refused:
+            return refuse(refused)
+        if plan.jobs and not dask_found():  # said before anything is written
+            raise no_dask("distributed")
+        args.output.mkdir(parents=True, exist_ok=True)
+        with locked(args.output):
+            remove_leftovers(plan)
+            return carry_out(plan, args)
+    finally:
+        plan.steps.close()
+
+
+def carry_out(plan: Plan, args: argparse.Namespace) -> int:
+    """Converts what the plan holds and reports each input; the exit status."""
+    skipped, pending = triage(plan.jobs, args)
     converted: Iterator[Result] = iter(())
     if pending:  # the cluster only when there is something to convert
         try:
@@ -176,20 +234,21 @@ def main(argv: list[str] | None = None) -> int:
         except ImportError as error:
             raise no_dask(error.name or "dask") from None
         converted = run_on_cluster(pending, args.workers, args.scheduler)
-    report = args.report or args.output / "batch-report.jsonl"
-    report.parent.mkdir(parents=True, exist_ok=True)
-    progress = Progress(len(skipped) + len(pending) + len(assets), args.quiet)
+    plan.report.parent.mkdir(parents=True, exist_ok=True)
+    progress = Progress(len(plan.failed) + len(skipped) + len(pending) + len(plan.assets),
+                        args.quiet)
     all_done = True
     done: dict[str, Result] = {}  # by output: what the assets point at
-    with report.open("w") as lines:
+    with plan.report.open("w") as lines:
         # An asset is written when all textures are done: any of them may be one of its.
-        finished = (finish(asset, done, planner.steps, args.timeout) for asset in assets)
-        for result in itertools.chain(skipped, converted, finished):
+        finished = (finish(asset, done, plan.steps, args.timeout, plan.settings)
+                    for asset in plan.assets)
+        for result in itertools.chain(plan.failed, skipped, converted, finished):
             done[result["output"]] = result
             lines.write(json.dumps(result) + "\n")
             lines.flush()
             progress.add(result["status"])
             all_done &= result["status"] in ("converted", "skipped")
     progress.close()
-    planner.steps.close()
+    remove_leftovers(plan)  # of a converter killed with its worker, its job done by another
     return 0 if all_done else 1

@@ -96,23 +96,23 @@ def written_color_space(job: Job, image: vip.Image) -> str:
     return "linear" if floats else ""
 
 
-def serve(requests: IO[str], replies: IO[str]) -> None:
-    """The converter's loop: a job as a line of JSON in, its result as a line of JSON out."""
+def serve(settings: str, requests: IO[str], replies: IO[str]) -> None:
+    """The converter's loop: OpenImageIO's attributes of `settings` (JSON) set before anything
+    is read, its version as the first line out, then a job as a line of JSON in, its result as
+    a line of JSON out."""
     lines = _Lines()
     logger = logging.getLogger(LOGGER)
     logger.addHandler(lines)
     logger.propagate = False
-    attributes_set = False
+    for name, value in json.loads(settings)["attributes"]:
+        vip.setOpenImageIOAttribute(name, value)
+    replies.write(json.dumps({"version": vip.__version__}) + "\n")
+    replies.flush()
     for request in requests:
         fields = json.loads(request)
         if "asset_step" in fields:  # a step of a USD asset, for the client (assets.step)
-            replies.write(json.dumps(step(fields)) + "\n")
-            replies.flush()
-            continue
-        job = Job.from_json(request)
-        if not attributes_set:
-            for name, value in job.attributes:
-                vip.setOpenImageIOAttribute(name, value)
-            attributes_set = True
-        replies.write(json.dumps(convert(job, lines)) + "\n")
+            reply = step(fields)
+        else:
+            reply = convert(Job.from_json(request), lines)
+        replies.write(json.dumps(reply) + "\n")
         replies.flush()

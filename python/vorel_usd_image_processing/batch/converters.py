@@ -30,10 +30,11 @@ def run_on_cluster(jobs: list[Job], workers: int, scheduler: str | None) -> Iter
     with dask.config.set({"distributed.scheduler.allowed-failures": 1}), \
             tempfile.TemporaryDirectory(prefix="vorel-batch-dask-") as space:
         # Locally, the workers are threads of this process: each only waits on its converter
-        # process, which is what isolates a crash, and threads start a second sooner.
+        # process, which is what isolates a crash, and threads start a second sooner. Its HTTP
+        # server takes any free port: on the default one, taken by another cluster, Dask warns.
         cluster = None if scheduler else LocalCluster(  # type: ignore[no-untyped-call]
             n_workers=workers, threads_per_worker=1, processes=False, local_directory=space,
-            dashboard_address=None, silence_logs=logging.ERROR)
+            dashboard_address=":0", silence_logs=logging.ERROR)
         with Client(scheduler or cluster) as client:  # type: ignore[no-untyped-call]
             futures = client.map(convert_on_worker, jobs, pure=False)
             job_of = {future.key: job for future, job in zip(futures, jobs)}

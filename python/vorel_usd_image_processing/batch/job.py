@@ -5,10 +5,28 @@ from __future__ import annotations
 import dataclasses
 import json
 import pathlib
+import re
 import time
 from typing import Any
 
 Result = dict[str, Any]
+
+
+def partial_name(path: str) -> str:
+    """Where a file is written until it is complete: hidden beside its final name, with the same
+    extension, since the extension picks the writer (``.NAME.partial.EXT``)."""
+    final = pathlib.Path(path)
+    return str(final.with_name(f".{final.name}.partial{final.suffix}"))
+
+
+def partial_of(name: str) -> str:
+    """The partial name that a temporary file name belongs to: itself, or for what OpenImageIO's
+    texture maker writes beside a partial file (``.NAME.partial.XXXX.temp.EXT``), that file's."""
+    texture_temporary = _TEXTURE_TEMPORARY.fullmatch(name)
+    return texture_temporary["partial"] + texture_temporary["ext"] if texture_temporary else name
+
+
+_TEXTURE_TEMPORARY = re.compile(r"(?P<partial>\..*\.partial)\..*\.temp(?P<ext>\.[^.]*)")
 
 
 @dataclasses.dataclass(frozen=True)
@@ -25,6 +43,15 @@ class Texture:
 
 
 @dataclasses.dataclass(frozen=True)
+class Settings:
+    """What a converter process is started with; one started with other settings is replaced,
+    so that a long-lived cluster applies each batch's own limits."""
+
+    attributes: tuple[tuple[str, int], ...] = ()  # OpenImageIO's, set before its first file
+    version: str = ""  # the package version the batch expects of it
+
+
+@dataclasses.dataclass(frozen=True)
 class Job:
     input: str  # as the user gave it, or as found in a folder they gave
     source: str
@@ -36,12 +63,15 @@ class Job:
     texture: Texture | None = None  # writeImage without
     usage: str = ""  # "raw": data, written without colour conversion; else the colour policy
     asset: str = ""  # the asset input whose texture this is (the first, when several use it)
+    version: str = ""  # the batch's package version: a converter of another is replaced
 
     @property
     def partial(self) -> str:
-        """Where the output is written until it is complete; the extension picks the writer."""
-        output = pathlib.Path(self.output)
-        return str(output.with_name(f".{output.name}.partial{output.suffix}"))
+        return partial_name(self.output)
+
+    @property
+    def settings(self) -> Settings:
+        return Settings(self.attributes, self.version)
 
     def to_json(self) -> str:
         return json.dumps(dataclasses.asdict(self))

@@ -15,14 +15,12 @@ import hashlib
 import json
 import os
 import pathlib
-import tempfile
-import zipfile
 from typing import Any
 
 import vorel_usd_image_processing as vip
 
 from .assets import PACKAGED, outer_file
-from .job import Job, Result
+from .job import Job, Result, partial_name
 
 ATTRIBUTE = "vorel:batch"
 Record = dict[str, Any]
@@ -44,17 +42,16 @@ def options_digest(job: Job) -> str:
 
 
 def source_digest(source: str) -> str:
-    """SHA-256 of a source's bytes: of the file inside, for a texture in a .usdz package (a zip
-    archive), so that another change to the package leaves it up to date."""
-    packaged = PACKAGED.match(source)
-    if packaged is None:
+    """SHA-256 of a source's bytes: of the file inside, for a texture in a .usdz package, so that
+    another change to the package leaves it up to date. The bytes inside are read by OpenUSD's
+    resolver, the reader that converts them, so that what is recorded is what was converted."""
+    if PACKAGED.match(source) is None:
         with open(source, "rb") as file:
             return hashlib.file_digest(file, "sha256").hexdigest()
-    try:
-        with zipfile.ZipFile(packaged[1]) as package:
-            return hashlib.sha256(package.read(packaged[2])).hexdigest()
-    except (zipfile.BadZipFile, KeyError) as error:
-        raise OSError(f"{source}: {error}") from error
+    data = vip.readAssetBytes(source)
+    if data is None:
+        raise OSError(f"{source} can't be read")
+    return hashlib.sha256(data).hexdigest()
 
 
 def source_record(job: Job) -> Record:
@@ -72,9 +69,9 @@ def as_text(record: Record) -> str:
 def write_sidecar(output: str, record: Record) -> None:
     """Under a temporary name, then renamed: a reader never sees half a record."""
     path = sidecar(output)
-    with tempfile.NamedTemporaryFile("w", dir=path.parent, prefix=path.name, delete=False) as file:
-        file.write(as_text(record))
-    os.replace(file.name, path)
+    partial = pathlib.Path(partial_name(str(path)))
+    partial.write_text(as_text(record))
+    os.replace(partial, path)
 
 
 def keep(job: Job, record: Record, color_space: str) -> None:

@@ -25,6 +25,7 @@
 #include <pxr/usd/sdf/types.h>
 #include <pxr/usd/usd/primRange.h>
 #include <pxr/usd/usd/stage.h>
+#include <pxr/usd/usd/zipFile.h>
 #include <pxr/usd/usdShade/input.h>
 #include <pxr/usd/usdShade/shader.h>
 #include <pxr/usd/usdShade/udimUtils.h>
@@ -301,7 +302,8 @@ AssetDependencies findAssetDependencies(const std::string& assetPath) {
 
 std::string writeAsset(const AssetDependencies& dependencies,
                        const std::map<std::string, std::string>& outputs,
-                       const std::vector<std::optional<TextureTarget>>& targets) {
+                       const std::vector<std::optional<TextureTarget>>& targets,
+                       const std::map<std::string, std::string>& temporaries) {
     const TfErrorMark mark;
     for (const std::string& layerKey : dependencies.layers) {
         const auto output = outputs.find(layerKey);
@@ -350,8 +352,11 @@ std::string writeAsset(const AssetDependencies& dependencies,
             return copied == outputs.end() ? resolved : relativeAssetPath(copied->second, folder);
         });
         std::filesystem::create_directories(folder);
-        if (!copy->Export(output->second)) {
-            return errorText(mark, "OpenUSD couldn't write " + output->second);
+        const auto temporary = temporaries.find(layerKey);
+        const std::string& written =
+            temporary == temporaries.end() ? output->second : temporary->second;
+        if (!copy->Export(written)) {
+            return errorText(mark, "OpenUSD couldn't write " + written);
         }
     }
     return mark.IsClean() ? "" : errorText(mark, "");
@@ -385,6 +390,21 @@ std::string packageAsset(const std::string& rootLayer, const std::string& usdzPa
         return "";
     }
     return errorText(mark, "OpenUSD couldn't package " + rootLayer + " as " + usdzPath);
+}
+
+std::optional<std::vector<PackageMember>> listPackage(const std::string& packagePath) {
+    const TfErrorMark mark;
+    const UsdZipFile package = UsdZipFile::Open(packagePath);
+    mark.Clear();
+    if (!package) {
+        return std::nullopt;
+    }
+    std::vector<PackageMember> members;
+    for (auto member = package.begin(); member != package.end(); ++member) {
+        const UsdZipFile::FileInfo info = member.GetFileInfo();
+        members.push_back({*member, info.compressionMethod == 0 && !info.encrypted});
+    }
+    return members;
 }
 
 std::optional<std::string> readAssetBytes(const std::string& resolvedPath) {

@@ -45,13 +45,25 @@ struct TextureTarget {
 /// The asset at `assetPath` and all it depends on; `error` says why it doesn't open.
 AssetDependencies findAssetDependencies(const std::string& assetPath);
 
-/// Writes every layer of `dependencies` to `outputs[layer]`, its asset paths rewritten: each
-/// texture i with a target to `targets[i]` (relative to the written layer), other dependencies
-/// found in `outputs` to their outputs, the rest to where they resolve now. Returns OpenUSD's
-/// reason on failure, else an empty string.
+/// Writes every layer of `dependencies` as it is to lie at `outputs[layer]`, its asset paths
+/// rewritten: each texture i with a target to `targets[i]` (relative to the written layer), other
+/// dependencies found in `outputs` to their outputs, the rest to where they resolve now. A layer
+/// with an entry in `temporaries` is exported there instead, for the caller to rename into place.
+/// Returns OpenUSD's reason on failure, else an empty string.
 std::string writeAsset(const AssetDependencies& dependencies,
                        const std::map<std::string, std::string>& outputs,
-                       const std::vector<std::optional<TextureTarget>>& targets);
+                       const std::vector<std::optional<TextureTarget>>& targets,
+                       const std::map<std::string, std::string>& temporaries = {});
+
+/// One member of a .usdz package as OpenUSD reads it (by its local headers, as the resolver does).
+struct PackageMember {
+    std::string name;  ///< as stored in the archive, unchecked
+    bool stored;       ///< neither compressed nor encrypted: readable through the resolver
+};
+
+/// The members of the package at `packagePath`, in archive order (the first is its root layer);
+/// nothing when OpenUSD can't read it as a zip archive.
+std::optional<std::vector<PackageMember>> listPackage(const std::string& packagePath);
 
 /// What is wrong with a written asset: empty when UsdStage::Open opens it and every asset path of
 /// it resolves; otherwise OpenUSD's reason or one line per path that resolves to nothing.
