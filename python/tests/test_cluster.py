@@ -1,5 +1,5 @@
 """The batch on a real cluster: a Dask scheduler and two workers, processes of their own on
-127.0.0.1, one of them killed with its converter mid-batch."""
+127.0.0.1, one of them killed with its converter mid-batch, the other serving a later batch."""
 import glob
 import json
 import os
@@ -68,6 +68,15 @@ def test_a_worker_killed_with_its_converter_loses_nothing(tmp_path):
         os.killpg(wait_for(lambda: writing(tmp_path / "out", [w.pid for w in workers])),
                   signal.SIGKILL)
         assert batch.wait(timeout=CAPTURED["timeout"]) == 0, batch.stderr.read()
+
+        # A later batch's limits reach the converter that an earlier one started on the worker.
+        write(tmp_path / "big" / "big.exr", 1024, 1024)  # 12 MB of pixels
+        command = f"big -o limited --ext .exr --untrusted --max-image-mb 1 -q --scheduler {scheduler}"
+        done = subprocess.run(BATCH + command.split(), cwd=tmp_path, **CAPTURED)
+        limited = json.loads((tmp_path / "limited" / "batch-report.jsonl").read_text())
+        assert done.returncode == 1 and limited["reason"] == (
+            f"Couldn't read image {tmp_path}/big/big.exr:\n"
+            "12 MB of pixel data exceed the limit of 1 MB (limits:imagesize_MB)")
     finally:
         for process in processes:
             os.killpg(process.pid, signal.SIGKILL)

@@ -4,6 +4,7 @@ import hashlib
 import json
 import os
 import re
+import socket
 import subprocess
 import sys
 
@@ -77,8 +78,14 @@ def test_a_walk_takes_what_it_converts_and_never_its_own_outputs(tmp_path):
     os.mkfifo(folder / "pipe.png")  # a walk skips it; named, it fails at once
     command = "in in/br[1].png in/pipe.png -o in/out --texture --ext .tx --update -q --workers 2"
     before = sources(tmp_path, "in/out")
-    done = subprocess.run(BATCH + command.split(), cwd=tmp_path, **CAPTURED)
-    assert done.returncode == 1, done.stderr
+    with socket.socket() as dashboard:  # Dask's default port taken, as by a notebook's cluster
+        try:
+            dashboard.bind(("", 8787))
+            dashboard.listen()
+        except OSError:
+            pass  # taken already
+        done = subprocess.run(BATCH + command.split(), cwd=tmp_path, **CAPTURED)
+    assert done.returncode == 1 and done.stderr == "", done.stderr  # -q is quiet
     first = {"in/a.png": "converted", "in/br[1].png": "converted", "in/latest.png": "converted",
              "in/sub/b.exr": "converted", "in/sub/outside.png": "converted", "in/pipe.png": "failed"}
     report = [json.loads(line) for line in (folder / "out/batch-report.jsonl").open()]
