@@ -218,7 +218,7 @@ TEXTURED = '#usda 1.0\ndef Shader "T"\n{{\n    uniform token info:id = "UsdUVTex
      "depends on files outside its folder TMP/in (--untrusted): TMP/elsewhere/notes.txt"),
     ("outside, trusted", "in/outside.usda -o out --ext .png", 0, ""),
     ("layer onto layer", "in -o out --ext .png", 2,
-     "TMP/in/chair.usdz[chair.usda] and TMP/in/chair/chair.usda would both be written to "
+     "TMP/in/chair/chair.usda and TMP/in/chair.usdz would both be written to "
      "TMP/out/chair/chair.usda"),
     ("--usdz onto the sources", "in/outside.usda -o in --ext .png --usdz", 2,
      "TMP/in/outside.usda would be written over the source TMP/in/outside.usda"),
@@ -237,11 +237,11 @@ def test_a_hostile_asset_writes_nothing_outside_and_copies_nothing_it_doesnt_own
                                   ("t.png", texture), ("/tmp/abs.png", texture)])
     (folder / "t.png").write_bytes(texture)
     (folder / "device.usda").write_text(TEXTURED.format(
-        texture="./t.png", extra='def "Secret" { asset secret = @/dev/zero@ }\n'))
+        texture="./t.png", extra='def "Secret"\n{\n    asset secret = @/dev/zero@\n}\n'))
     (tmp_path / "elsewhere").mkdir()
     (tmp_path / "elsewhere/notes.txt").write_text("not the asset's")
     (folder / "outside.usda").write_text(TEXTURED.format(
-        texture="./t.png", extra='def "Notes" { asset notes = @../elsewhere/notes.txt@ }\n'))
+        texture="./t.png", extra='def "Notes"\n{\n    asset notes = @../elsewhere/notes.txt@\n}\n'))
     if case == "layer onto layer":
         for name in ("pkg.usdz", "abs.usdz", "device.usda", "outside.usda"):
             (folder / name).unlink()
@@ -254,7 +254,7 @@ def test_a_hostile_asset_writes_nothing_outside_and_copies_nothing_it_doesnt_own
     assert test_safety.sources(tmp_path) == before
     out = tmp_path / command.split("-o ")[1].split()[0]
     if status == 2:
-        assert done.stderr.replace(str(tmp_path), "TMP").splitlines()[0] == f"batch: refused: {reason}"
+        assert f"batch: refused: {reason}" in done.stderr.replace(str(tmp_path), "TMP").splitlines()
         return
     report = [json.loads(line) for line in (out / "batch-report.jsonl").open()]
     assert report[-1]["reason"].replace(str(tmp_path), "TMP") == reason

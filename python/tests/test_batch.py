@@ -35,8 +35,7 @@ def test_every_input_once_then_a_rerun_skips_the_finished_ones(tmp_path):
     # TBHD flags with BLACK set: OpenImageIO 2.4.7's IFF reader aborts on its assertion.
     crash = (tmp_path / "in" / "crash.iff").read_bytes()
     (tmp_path / "in" / "crash.iff").write_bytes(crash[:32] + b"\x7f\xff\xff\xff" + crash[36:])
-    os.mkfifo(tmp_path / "slow.png")  # opening it would wait for a writer that never comes
-    command = "in slow.png -o out --ext .png --op fit=32x32 --workers 2 --timeout 3 --untrusted"
+    command = "in -o out --ext .png --op fit=32x32 --workers 2 --untrusted"
     done = subprocess.run(BATCH + command.split(), cwd=tmp_path, **CAPTURED)
     assert done.returncode == 1, done.stderr
     expected = {  # status, reason with TMP for the folder, status on the rerun below
@@ -47,7 +46,6 @@ def test_every_input_once_then_a_rerun_skips_the_finished_ones(tmp_path):
                                       '"TMP/in/misnamed.exr" is not an OpenEXR file', "converted"),
         "in/crash.iff": ("crashed", "the converter process ended with signal SIGABRT on each of 2 tries: "
                                     r".*Assertion '!\(flags & BLACK\)' failed.*", "crashed"),
-        "slow.png": ("failed", "not a regular file", None),
     }
     report = [json.loads(line) for line in (tmp_path / "out" / "batch-report.jsonl").open()]
     assert sorted(entry["input"] for entry in report) == sorted(expected)
