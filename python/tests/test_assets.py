@@ -156,6 +156,17 @@ def test_missing_and_damaged_textures_fail_the_asset_by_name(tmp_path, log):
 
 
 @needs_openusd
+def test_a_folder_of_an_asset_and_its_textures_gives_each_output_one_source(tmp_path):
+    make_asset(tmp_path / "in", SHADERS)  # its layers/material.usda is an input as well
+    done = subprocess.run(BATCH + "in -o out -q --ext .png".split(), cwd=tmp_path, **CAPTURED)
+    report = [json.loads(line) for line in (tmp_path / "out/batch-report.jsonl").open()]
+    spaces = {e["output"].replace(str(tmp_path), "TMP"): e["color_space"] for e in report}
+    assert done.returncode == 1 and len(spaces) == len(report)  # damaged.png fails
+    assert [spaces[f"TMP/out/textures/{name}"] for name in ("bump.png", "bump.exr.png")] == [
+        "raw", "sRGB"]  # data for the asset, the colour policy as a file of the folder
+
+
+@needs_openusd
 def test_an_image_in_a_package_reads_as_the_same_file_outside(tmp_path):
     make_asset(tmp_path, SHADERS)
     assert vip.packageAsset(str(tmp_path / "asset.usda"), str(tmp_path / "pkg.usdz")) == ""

@@ -141,17 +141,18 @@ class Planner:
         return job
 
     def file(self, given: str, folder: pathlib.Path) -> None:
-        """A file input: the colour policy, the job an asset may already have made of it. Its
-        output is its place with the new extension, even when another source claims that name:
-        the plan then refuses the two."""
+        """A file input: the colour policy, the job an asset may already have made of it, under
+        a free name beside a data use of the same file. A name that another source claims is
+        kept: the plan then refuses the two."""
         source = str(pathlib.Path(given).absolute())
         place = self.location(source, folder)
+        output = str(place.with_suffix(self.args.ext))
+        taken = self.claimed.get(output)
         if not is_regular(source):
-            output = str(place.with_suffix(self.args.ext))
             self.failed.append(Job(given, source, output).result("failed", NOT_REGULAR))
-        elif (source, "color") not in self.jobs:
-            output = str(place.with_suffix(self.args.ext))
-            self.claimed.setdefault(output, (source, "color"))
+        elif taken is None or taken[0] == source:
+            self.job(given, source, "color", place)
+        else:
             self.jobs[(source, "color")] = Job(
                 given, source, output, tuple(self.args.op), self.args.png_compression,
                 self.attributes, self.args.timeout, self.args.texture, version=vip.__version__)

@@ -38,8 +38,9 @@ class Plan:
         batch may write: outputs, and their temporaries and records."""
         for job in self.jobs:
             record = str(sidecar(job.output))
+            source = f"{job.source} (as {job.usage})" if job.usage else job.source
             for path in (job.output, job.partial, record, partial_name(record)):
-                yield path, job.source, job.output
+                yield path, source, job.output
         for asset in self.assets:
             if asset.error:
                 continue
