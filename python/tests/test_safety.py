@@ -1,5 +1,6 @@
 """What the batch never does, on hostile trees: change a source, write outside its output folder,
 take what it doesn't convert, or run two at once on one output folder."""
+import dataclasses
 import hashlib
 import json
 import os
@@ -10,6 +11,7 @@ import sys
 
 import pytest
 
+import vorel_usd_image_processing as vip
 from test_batch import BATCH, CAPTURED, write
 
 
@@ -137,3 +139,21 @@ def test_one_batch_at_a_time_on_an_output_folder_and_leftovers_of_its_own_only(t
     assert sorted(p.name for p in (tmp_path / "out").iterdir()) == sorted(
         kept + [".batch.lock", "a.png", "batch-report.jsonl"])
     assert re.fullmatch(r"[0-9a-f]{64}", sources(tmp_path)["in/a.png"])
+
+
+def test_a_converter_of_another_version_of_the_package_is_not_used(tmp_path):
+    from vorel_usd_image_processing.batch.child import Converter
+    from vorel_usd_image_processing.batch.job import Job
+
+    write(tmp_path / "a.png")
+    job = Job("a.png", str(tmp_path / "a.png"), str(tmp_path / "b.png"), version="0.0.1")
+    converter = Converter()
+    try:
+        result = converter.run(job)
+        assert (result["status"], result["reason"]) == ("failed", (
+            f"the converter process here runs version {vip.__version__} of "
+            "vorel_usd_image_processing, the batch 0.0.1"))
+        assert converter.run(dataclasses.replace(job, version=vip.__version__))["status"] == \
+            "converted"
+    finally:
+        converter.close()

@@ -55,9 +55,10 @@ class Converter:
             hello = json.loads(self.child.stdout.readline() or "{}") if ready else {}
             if hello.get("version") != settings.version:
                 self._stop()
+                error = self._last_error()  # why it said nothing, if it didn't
                 return (f"the converter process here runs version {hello.get('version')} of "
-                        f"vorel_usd_image_processing, the batch {settings.version}: "
-                        f"{self._last_error()}")
+                        f"vorel_usd_image_processing, the batch {settings.version}"
+                        + (f": {error}" if error else ""))
         return self.child
 
     def _stop(self) -> int:
