@@ -12,6 +12,7 @@ from __future__ import annotations
 
 import argparse
 import dataclasses
+import itertools
 import os
 import pathlib
 import re
@@ -23,7 +24,7 @@ import vorel_usd_image_processing as vip
 
 from .child import Converter
 from .job import Job, Result, Settings, partial_name
-from .paths import NOT_REGULAR, is_regular, lies_under, member_problem
+from .paths import NOT_REGULAR, forget_folders, is_regular, lies_under, member_problem
 
 ASSET_EXTENSIONS = (".usd", ".usda", ".usdc", ".usdz")
 PACKAGE_EXTENSIONS = (".png", ".jpg", ".jpeg")  # the textures a .usdz may hold
@@ -131,8 +132,9 @@ class Planner:
                  base.with_name(f"{base.stem}.{from_ext}.{kind}{ext}")]
         if kind == "color":
             names = [base, names[2]]
-        names += [base.with_name(f"{base.stem}.{n}{ext}") for n in range(2, 1000)]
-        output = str(next(name for name in names if str(name) not in self.claimed))
+        numbered = (base.with_name(f"{base.stem}.{n}{ext}") for n in range(2, 1000))
+        output = str(next(name for name in itertools.chain(names, numbered)
+                          if str(name) not in self.claimed))
         self.claimed[output] = (source, kind)
         job = Job(given, source, output, tuple(self.args.op), self.args.png_compression,
                   self.attributes, self.args.timeout, self.args.texture,
@@ -299,6 +301,7 @@ def step(request: dict[str, Any]) -> dict[str, Any]:
     """A step of an asset in the converter process: "walk" (what it uses, and how each texture is
     used) or "write" (the asset written again, checked and maybe packaged: what is wrong)."""
     if request["asset_step"] == "walk":
+        forget_folders()
         found = vip.findAssetDependencies(request["source"])
         walked = {name: getattr(found, name) for name in _FIELDS}
         walked["textures"] = [{name: getattr(texture, name) for name in _TEXTURE_FIELDS}

@@ -6,6 +6,7 @@ output, or an output folder look like somewhere else.
 
 from __future__ import annotations
 
+import functools
 import os
 import pathlib
 import stat
@@ -14,13 +15,29 @@ NOT_REGULAR = "not a regular file"
 
 
 def real(path: str | os.PathLike[str]) -> str:
-    return os.path.realpath(path)
+    """The path with every link resolved. Folders are resolved once: a plan holds thousands of
+    paths in a few folders."""
+    if ".." in os.fspath(path).split(os.sep):  # the system takes a link before its '..'
+        return os.path.realpath(path)
+    folder, name = os.path.split(os.path.abspath(path))
+    resolved = os.path.join(_real_folder(folder), name)
+    return os.path.realpath(resolved) if os.path.islink(resolved) else resolved
+
+
+@functools.lru_cache(maxsize=4096)
+def _real_folder(folder: str) -> str:
+    return os.path.realpath(folder)
+
+
+def forget_folders() -> None:
+    """Resolves folders anew: links may have changed since (a converter process lives long)."""
+    _real_folder.cache_clear()
 
 
 def lies_under(path: str | os.PathLike[str], folder: str | os.PathLike[str]) -> bool:
     """Whether `path`, links resolved, is `folder` or lies below it."""
     path, folder = real(path), real(folder)
-    return os.path.commonpath([path, folder]) == folder
+    return path == folder or path.startswith(folder.rstrip(os.sep) + os.sep)
 
 
 def is_hidden(name: str) -> bool:

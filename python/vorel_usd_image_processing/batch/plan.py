@@ -16,7 +16,7 @@ from .assets import Asset, Planner, is_asset, outer_file, read_files
 from .child import Converter
 from .inputs import find_inputs
 from .job import Job, Result, Settings, partial_name, partial_of
-from .paths import lies_under, real
+from .paths import forget_folders, lies_under, real
 from .update import sidecar
 
 LOCK = ".batch.lock"  # in the output folder: one batch at a time writes there
@@ -73,6 +73,7 @@ def make_plan(args: argparse.Namespace) -> Plan:
     if not args.scheduler:
         # The local workers share this machine's cores with OpenImageIO's threads in each.
         attributes += (("threads", max(1, (os.cpu_count() or 1) // args.workers)),)
+    forget_folders()
     planner = Planner(args, attributes)
     never = frozenset({real(args.output)})
     found = list(find_inputs(args.inputs, never, args.untrusted))
@@ -97,19 +98,21 @@ def check(plan: Plan) -> list[str]:
     a source is read from, that lies outside the output folder, or that two sources share."""
     reads = plan.reads()
     owners: dict[str, tuple[str, str]] = {}  # real path → (source, path as planned)
-    refused: dict[str, str] = {}  # by real path: the first reason only
-    for path, source, output in plan.writes():
-        path, at = os.path.abspath(path), real(path)
-        if real(output) in refused:
+    refused: dict[str, str] = {}  # by the real path of the output: its first reason only
+    output = ""
+    for path, source, belongs_to in plan.writes():
+        if belongs_to != output:  # an output comes first, then its temporaries and record
+            output, key = belongs_to, real(belongs_to)
+        if key in refused:
             continue
+        path, at = os.path.abspath(path), real(path)
         if at in reads:
-            refused[real(output)] = f"{path} would be written over the source {reads[at]}"
-        elif source != "the report" and not lies_under(path, plan.output):
-            refused[real(output)] = f"{path}, written from {source}, lies outside the output " \
-                                    f"folder {plan.output}"
+            refused[key] = f"{path} would be written over the source {reads[at]}"
+        elif source != "the report" and not lies_under(at, plan.output):
+            refused[key] = f"{path}, written from {source}, lies outside the output folder " \
+                           f"{plan.output}"
         elif owners.setdefault(at, (source, path))[0] != source:
-            refused[real(output)] = f"{owners[at][0]} and {source} would both be written to " \
-                                    f"{path}"
+            refused[key] = f"{owners[at][0]} and {source} would both be written to {path}"
     return list(refused.values())
 
 
