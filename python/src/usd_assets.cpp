@@ -2,6 +2,7 @@
 
 #include "usd_assets.h"
 
+#include <pybind11/functional.h>
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
@@ -32,10 +33,14 @@ void bindUsdAssets(py::module_& m) {
         .def_readwrite("layers", &assets::AssetDependencies::layers)
         .def_readwrite("textures", &assets::AssetDependencies::textures)
         .def_readwrite("files", &assets::AssetDependencies::files)
-        .def_readwrite("missing", &assets::AssetDependencies::missing);
+        .def_readwrite("missing", &assets::AssetDependencies::missing)
+        .def_readwrite("unopened", &assets::AssetDependencies::unopened);
     m.def("findAssetDependencies", ipy::withoutGil(&assets::findAssetDependencies), "assetPath"_a,
+          "mayOpen"_a = assets::MayOpenLayer{},
           "The layers, textures and other files of a USD asset, through sublayers, references, "
-          "payloads, variants and clips; `error` says why it doesn't open.");
+          "payloads, variants and clips; `error` says why it doesn't open. mayOpen(path), when "
+          "given, is asked before each composed layer is opened; `unopened` lists those refused, "
+          "and then nothing more is looked at.");
     m.def(
         "writeAsset",
         [](const assets::AssetDependencies& dependencies,

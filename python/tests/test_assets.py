@@ -228,6 +228,9 @@ TEXTURED = '#usda 1.0\ndef Shader "T"\n{{\n    uniform token info:id = "UsdUVTex
     ("outside, untrusted", "in/outside.usda -o out --ext .png --untrusted", 1,
      "depends on files outside its folder TMP/in (--untrusted): TMP/elsewhere/notes.txt"),
     ("outside, trusted", "in/outside.usda -o out --ext .png", 0, ""),
+    ("layer outside, untrusted", "in/sublayered.usda -o out --ext .png --untrusted", 1,  # unread:
+     "depends on files outside its folder TMP/in (--untrusted): TMP/elsewhere/broken.usda"),
+    ("FIFO layer", "in/piped.usda -o out --ext .png", 1, "TMP/in/pipe.usda: not a regular file"),
     ("layer onto layer", "in -o out --ext .png", 2,
      "TMP/in/chair/chair.usda and TMP/in/chair.usdz would both be written to "
      "TMP/out/chair/chair.usda"),
@@ -253,9 +256,13 @@ def test_a_hostile_asset_writes_nothing_outside_and_copies_nothing_it_doesnt_own
     (tmp_path / "elsewhere/notes.txt").write_text("not the asset's")
     (folder / "outside.usda").write_text(TEXTURED.format(
         texture="./t.png", extra='def "Notes"\n{\n    asset notes = @../elsewhere/notes.txt@\n}\n'))
+    (tmp_path / "elsewhere/broken.usda").write_text("#usda 1.0\ndef Xform {\n")  # were it read
+    (folder / "sublayered.usda").write_text("#usda 1.0\n(subLayers = [@../elsewhere/broken.usda@])\n")
+    os.mkfifo(folder / "pipe.usda")  # read, it would block the walk for good
+    (folder / "piped.usda").write_text("#usda 1.0\n(subLayers = [@./pipe.usda@])\n")
     if case == "layer onto layer":
-        for name in ("pkg.usdz", "abs.usdz", "device.usda", "outside.usda"):
-            (folder / name).unlink()
+        for path in folder.iterdir():
+            path.unlink()
         package(folder / "chair.usdz", [("chair.usda", "#usda 1.0\n")])
         (folder / "chair").mkdir()
         (folder / "chair/chair.usda").write_text("#usda 1.0\n")

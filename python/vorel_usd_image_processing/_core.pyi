@@ -1,7 +1,7 @@
 # Types of the compiled bindings, for type checkers and IDEs. Checked against the built module by
 # mypy's stubtest in the tests, so that they can't drift from it.
 import os
-from collections.abc import ItemsView, Iterator, KeysView, Sequence, ValuesView
+from collections.abc import Callable, ItemsView, Iterator, KeysView, Sequence, ValuesView
 from typing import Any, ClassVar, Union
 
 import numpy
@@ -201,9 +201,11 @@ class AssetDependencies:
     textures: list[AssetTexture]
     files: list[str]
     missing: list[str]
+    unopened: list[str]
     def __init__(self) -> None: ...
 
-def findAssetDependencies(assetPath: str) -> AssetDependencies: ...
+def findAssetDependencies(assetPath: str,
+                          mayOpen: Callable[[str], bool] | None = ...) -> AssetDependencies: ...
 def writeAsset(dependencies: AssetDependencies, outputs: dict[str, str],
                targets: Sequence[tuple[str, str] | None],
                temporaries: dict[str, str] = ...) -> str: ...

@@ -205,8 +205,8 @@ class Planner:
 def read_files(found: dict[str, Any]) -> list[str]:
     """Every file on disk that an asset's walk found it to read: layers, packages, textures and
     other files."""
-    files = found["layers"] + found["files"] + [file for texture in found["textures"]
-                                                for file in texture["files"]]
+    files = found["layers"] + found["unopened"] + found["files"] + [
+        file for texture in found["textures"] for file in texture["files"]]
     return list(dict.fromkeys(outer_file(file) for file in files))
 
 
@@ -228,6 +228,8 @@ def refusal(found: dict[str, Any], own: str) -> str:
         if outside:
             problems.append(f"depends on files outside its folder {own} (--untrusted): "
                             + ", ".join(outside))
+    if found["unopened"] and not problems:  # refused by the walk, since changed
+        problems.append("layers not opened: " + ", ".join(found["unopened"]))
     return "; ".join(problems)
 
 
@@ -302,27 +304,31 @@ def step(request: dict[str, Any]) -> dict[str, Any]:
     used) or "write" (the asset written again, checked and maybe packaged: what is wrong)."""
     if request["asset_step"] == "walk":
         forget_folders()
-        found = vip.findAssetDependencies(request["source"])
+        own = request["confine"]
+
+        def may_read(file: str) -> bool:
+            """A file of a stranger's asset is read only when it is a regular file and, with
+            --untrusted, lies in the asset's own folder."""
+            return is_regular(outer_file(file)) and (not own or lies_under(outer_file(file), own))
+
+        found = vip.findAssetDependencies(request["source"], may_read)
         walked = {name: getattr(found, name) for name in _FIELDS}
         walked["textures"] = [{name: getattr(texture, name) for name in _TEXTURE_FIELDS}
                               for texture in found.textures]
         # One reader of packages, OpenUSD's, for listing as for converting.
         walked["packages"] = {package: vip.listPackage(package)
                               for package in read_files(walked)
-                              if pathlib.Path(package).suffix.lower() == ".usdz"}
-        own = request["confine"]
+                              if pathlib.Path(package).suffix.lower() == ".usdz" and
+                              may_read(package)}
         for texture in walked["textures"]:
             files = texture["files"]
-            # A header is read only from a file that the plan may take.
-            readable = files and all(is_regular(outer_file(file)) and
-                                     (not own or lies_under(outer_file(file), own))
-                                     for file in files)
+            readable = files and all(may_read(file) for file in files)
             texture["usage"] = usage(texture, files[0]) if readable else ""
         return walked
     return {"problems": write(request)}
 
 
-_FIELDS = ("error", "rootLayer", "layers", "files", "missing")
+_FIELDS = ("error", "rootLayer", "layers", "files", "missing", "unopened")
 _TEXTURE_FIELDS = ("layer", "attribute", "assetPath", "sourceColorSpace", "files")
 
 

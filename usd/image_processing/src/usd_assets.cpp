@@ -232,9 +232,34 @@ std::string relativeAssetPath(const std::string& target, const std::filesystem::
     return text.rfind("../", 0) == 0 ? text : "./" + text;
 }
 
+/// Opens the layers that `root` composes, directly or through others, asking `mayOpen` first:
+/// the layers opened (kept open, so that the walk after this one reads each once) and the paths
+/// refused.
+std::pair<std::vector<SdfLayerRefPtr>, std::vector<std::string>> openComposedLayers(
+    const SdfLayerRefPtr& root, const MayOpenLayer& mayOpen) {
+    std::vector<SdfLayerRefPtr> opened{root};
+    std::vector<std::string> refused;
+    std::set<std::string> seen{keyOf(root)};
+    for (size_t next = 0; next < opened.size(); ++next) {
+        const SdfLayerRefPtr layer = opened[next];  // a copy: `opened` grows below
+        for (const std::string& path : layer->GetCompositionAssetDependencies()) {
+            const std::string resolved = resolve(layer, path);
+            if (resolved.empty() || !seen.insert(resolved).second) {
+                continue;  // a missing layer is the walk's to report
+            }
+            if (!mayOpen(resolved)) {
+                refused.push_back(resolved);
+            } else if (const SdfLayerRefPtr composed = SdfLayer::FindOrOpen(resolved)) {
+                opened.push_back(composed);
+            }
+        }
+    }
+    return {opened, refused};
+}
+
 }  // namespace
 
-AssetDependencies findAssetDependencies(const std::string& assetPath) {
+AssetDependencies findAssetDependencies(const std::string& assetPath, const MayOpenLayer& mayOpen) {
     AssetDependencies found;
     const UsdUtilsCoalescingDiagnosticDelegate quiet;  // what matters is reported in `found`
     const TfErrorMark mark;
@@ -242,6 +267,18 @@ AssetDependencies findAssetDependencies(const std::string& assetPath) {
     if (!root) {
         found.error = errorText(mark, "OpenUSD can't open " + assetPath);
         return found;
+    }
+    std::vector<SdfLayerRefPtr> opened{root};
+    if (mayOpen) {
+        std::tie(opened, found.unopened) = openComposedLayers(root, mayOpen);
+        if (!found.unopened.empty()) {
+            mark.Clear();  // what the refused layers would have said is moot
+            found.rootLayer = keyOf(root);
+            for (const SdfLayerRefPtr& layer : opened) {
+                found.layers.push_back(keyOf(layer));
+            }
+            return found;
+        }
     }
     std::vector<SdfLayerRefPtr> layers;
     std::vector<std::string> assets;

@@ -5,6 +5,7 @@
 // OpenUSD's UsdUtils when the library is built against a real OpenUSD; the batch converter is its
 // user, through the Python module. Not part of the library's own functions.
 
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -33,7 +34,14 @@ struct AssetDependencies {
     std::vector<AssetTexture> textures;
     std::vector<std::string> files;    ///< other dependencies (MaterialX documents, ...), resolved
     std::vector<std::string> missing;  ///< "PATH (in LAYER)" for each path that resolves to nothing
+    /// Layers that the asset composes (sublayers, references, payloads) but that the caller's
+    /// `mayOpen` refused: when there are any, nothing past the layers opened so far is looked at.
+    std::vector<std::string> unopened;
 };
+
+/// Whether a layer at a resolved path may be opened at all (a stranger's asset may name a device
+/// or a file it doesn't own); the rule is the caller's.
+using MayOpenLayer = std::function<bool(const std::string& resolvedPath)>;
 
 /// A texture's new file, relative to nothing (an absolute path or a UDIM pattern), and the
 /// sourceColorSpace that its shader is to say for it.
@@ -42,8 +50,11 @@ struct TextureTarget {
     std::string sourceColorSpace;
 };
 
-/// The asset at `assetPath` and all it depends on; `error` says why it doesn't open.
-AssetDependencies findAssetDependencies(const std::string& assetPath);
+/// The asset at `assetPath` and all it depends on; `error` says why it doesn't open. With
+/// `mayOpen`, every layer that the root layer composes, directly or through others, is asked
+/// about before it is opened; see `unopened`.
+AssetDependencies findAssetDependencies(const std::string& assetPath,
+                                        const MayOpenLayer& mayOpen = {});
 
 /// Writes every layer of `dependencies` as it is to lie at `outputs[layer]`, its asset paths
 /// rewritten: each texture i with a target to `targets[i]` (relative to the written layer), other
