@@ -210,6 +210,13 @@ def read_files(found: dict[str, Any]) -> list[str]:
     return list(dict.fromkeys(outer_file(file) for file in files))
 
 
+def may_read(file: str, own: str) -> bool:
+    """Whether a file of a stranger's asset may be opened at all: a regular file and, with `own`
+    (--untrusted), in the asset's own folder. `refusal` says why not."""
+    outer = outer_file(file)
+    return is_regular(outer) and (not own or lies_under(outer, own))
+
+
 def refusal(found: dict[str, Any], own: str) -> str:
     """Why the asset is failed before anything of it is read or written, or ''. A package with a
     member that would land outside the output folder, a dependency that is no regular file and,
@@ -305,13 +312,7 @@ def step(request: dict[str, Any]) -> dict[str, Any]:
     if request["asset_step"] == "walk":
         forget_folders()
         own = request["confine"]
-
-        def may_read(file: str) -> bool:
-            """A file of a stranger's asset is read only when it is a regular file and, with
-            --untrusted, lies in the asset's own folder."""
-            return is_regular(outer_file(file)) and (not own or lies_under(outer_file(file), own))
-
-        found = vip.findAssetDependencies(request["source"], may_read)
+        found = vip.findAssetDependencies(request["source"], lambda layer: may_read(layer, own))
         walked = {name: getattr(found, name) for name in _FIELDS}
         walked["textures"] = [{name: getattr(texture, name) for name in _TEXTURE_FIELDS}
                               for texture in found.textures]
@@ -319,10 +320,10 @@ def step(request: dict[str, Any]) -> dict[str, Any]:
         walked["packages"] = {package: vip.listPackage(package)
                               for package in read_files(walked)
                               if pathlib.Path(package).suffix.lower() == ".usdz" and
-                              may_read(package)}
+                              may_read(package, own)}
         for texture in walked["textures"]:
             files = texture["files"]
-            readable = files and all(may_read(file) for file in files)
+            readable = files and all(may_read(file, own) for file in files)
             texture["usage"] = usage(texture, files[0]) if readable else ""
         return walked
     return {"problems": write(request)}
