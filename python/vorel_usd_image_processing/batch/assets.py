@@ -136,6 +136,10 @@ class Planner:
         output = str(next(name for name in itertools.chain(names, numbered)
                           if str(name) not in self.claimed))
         self.claimed[output] = (source, kind)
+        return self.add_job(given, source, kind, output, asset)
+
+    def add_job(self, given: str, source: str, kind: str, output: str, asset: str = "") -> Job:
+        """The job of `source` used as `kind`, written to `output` with the batch's options."""
         job = Job(given, source, output, tuple(self.args.op), self.args.png_compression,
                   self.attributes, self.args.timeout, self.args.texture,
                   usage="raw" if kind == "raw" else "", asset=asset, version=vip.__version__)
@@ -155,9 +159,7 @@ class Planner:
         elif taken is None or taken[0] == source:
             self.job(given, source, "color", place)
         else:
-            self.jobs[(source, "color")] = Job(
-                given, source, output, tuple(self.args.op), self.args.png_compression,
-                self.attributes, self.args.timeout, self.args.texture, version=vip.__version__)
+            self.add_job(given, source, "color", output)
 
     def asset(self, given: str, folder: pathlib.Path) -> Asset:
         source = str(pathlib.Path(given).absolute())
