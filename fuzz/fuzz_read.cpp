@@ -69,6 +69,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, size_t size) {
     std::ofstream(path, std::ios::binary).write(content.data(), content.size());
     const ip::ImageSpec spec = ip::getImageSpec(path);
     const ip::Image image = ip::readImage(path);
+    // A read image carries its file's ICC profile as it stands, whatever its offsets claim.
+    ip::getIccProfileInfo(image);
     const ip::Image asset = ip::getImageFromAssetPath(path.string());
     std::filesystem::remove(path);
     mark<kExtensionCount * 8 - 1>(extension * 8 + (spec.width > 0) +

@@ -1,6 +1,10 @@
 // The colour policy by extension and the three writers, proven on real files read back through
 // OpenImageIO's ImageInput, and the calls that would take OpenImageIO 2.4.7's writers down.
 
+#include <cstdio>
+
+#include <jpeglib.h>
+
 #include "test_support.h"
 
 using namespace vorel::test;
@@ -256,4 +260,152 @@ TEST_F(Writing, TexturesAreTiledMipMappedTaggedAndFailWithOpenImageIOsText) {
     }
     for (const auto& entry : fs::directory_iterator(temp))
         EXPECT_EQ(entry.path().string().find(".temp"), std::string::npos) << entry.path();
+}
+
+namespace {
+
+std::string bigEndian(std::uint32_t v) {
+    return {char(v >> 24), char(v >> 16), char(v >> 8), char(v)};
+}
+
+/// An ICC profile as libpng takes one (its illuminant D50, 'acsp'), of data colour space `space`,
+/// whose tag table claims `count` entries, the first placing a 'desc' tag holding `tag` at
+/// `offset` with `size` bytes (0: right after the table, and the tag's own size).
+std::string iccProfile(const char* space, const std::string& tag, std::uint32_t count = 1,
+                       std::uint32_t offset = 0, std::uint32_t size = 0) {
+    std::string header(128, '\0');
+    header.replace(0, 4, bigEndian(144 + tag.size())).replace(8, 1, "\x02").replace(12, 4, "mntr");
+    header.replace(16, 4, space).replace(20, 4, "XYZ ").replace(36, 4, "acsp");
+    header.replace(68, 12, bigEndian(0xF6D6) + bigEndian(0x10000) + bigEndian(0xD32D));
+    return header + bigEndian(count) + "desc" + bigEndian(offset ? offset : 144) +
+           bigEndian(size ? size : tag.size()) + tag;
+}
+
+/// ICC v2's 'desc' of `text`, claiming `count` bytes of it.
+std::string descTag(const std::string& text, std::uint32_t count) {
+    return "desc" + bigEndian(0) + bigEndian(count) + text;
+}
+
+/// ICC v4's 'mluc' of `records` records, the first of whose text of `length` bytes is at `offset`.
+std::string mlucTag(const std::u16string& text, std::uint32_t length, std::uint32_t offset = 28,
+                    std::uint32_t records = 1) {
+    std::string bytes = "mluc" + bigEndian(0) + bigEndian(records) + bigEndian(12) + "enUS" +
+                        bigEndian(length) + bigEndian(offset);
+    for (const char16_t unit : text)
+        bytes += {char(unit >> 8), char(unit)};
+    return bytes;
+}
+
+void setProfile(ip::Image& image, const std::string& bytes) {
+    image.buffer.specmod().attribute("ICCProfile", T(T::UINT8, int(bytes.size())), bytes.data());
+}
+
+/// The attributes of a CMYK file that `image` carries, or of an RGB one, ICCProfile by its colour
+/// space.
+std::string cmykAttributes(const ip::Image& image) {
+    std::string found;
+    for (const char* name :
+         {"tiff:ColorSpace", "tiff:PhotometricInterpretation", "jpeg:ColorSpace"})
+        if (const OIIO::ParamValue* value = image.buffer.spec().find_attribute(name))
+            found += fmt::format("{}={} ", name, value->get_string());
+    return found + "ICCProfile=" + ip::getIccProfileInfo(image).colorSpace;
+}
+
+/// A CMYK JPEG as Photoshop writes one, through libjpeg: two pixels of four inks stored inverted
+/// (255 is no ink), with the profile `icc`.
+void writeCmykJpeg(const fs::path& file, const std::string& icc) {
+    jpeg_compress_struct jpeg{};
+    jpeg_error_mgr errors{};
+    jpeg.err = jpeg_std_error(&errors);
+    jpeg_create_compress(&jpeg);
+    FILE* const out = std::fopen(file.c_str(), "wb");
+    jpeg_stdio_dest(&jpeg, out);
+    jpeg.image_width = 2;
+    jpeg.image_height = 1;
+    jpeg.input_components = 4;
+    jpeg.in_color_space = JCS_CMYK;
+    jpeg_set_defaults(&jpeg);
+    jpeg_set_quality(&jpeg, 100, TRUE);
+    jpeg_start_compress(&jpeg, TRUE);
+    jpeg_write_icc_profile(&jpeg, reinterpret_cast<const JOCTET*>(icc.data()), icc.size());
+    JSAMPLE inks[] = {255, 0, 0, 255, 64, 128, 192, 255};
+    JSAMPROW rows[] = {inks};
+    jpeg_write_scanlines(&jpeg, rows, 1);
+    jpeg_finish_compress(&jpeg);
+    jpeg_destroy_compress(&jpeg);
+    std::fclose(out);
+}
+
+}  // namespace
+
+TEST_F(Writing, IccProfilesSayWhatTheyAreAndNothingOutsideTheirBytesIsRead) {
+    const std::string p3 = descTag(std::string("Display P3") + '\0', 11);
+    const std::u16string srgb = u"sRGB IEC61966-2.1";
+    const std::pair<const char*, std::string> cases[] = {
+        {"no profile", ""},
+        {"too short", iccProfile("RGB ", p3).substr(0, 127)},
+        {"v2 desc", iccProfile("RGB ", p3)},
+        {"v4 mluc", iccProfile("RGB ", mlucTag(srgb + u'\0', 36))},
+        {"no tags", iccProfile("CMYK", p3, 0)},
+        {"Lab, a count of tags beyond the table", iccProfile("Lab ", p3, 0xFFFFFFFF)},
+        {"tag past the end", iccProfile("GRAY", p3, 1, 148)},
+        {"tag larger than the profile", iccProfile("RGB ", p3, 1, 0, 0xFFFFFFF0)},
+        {"text beyond the tag", iccProfile("RGB ", descTag("Display P3", 12))},
+        {"text of 4 GB", iccProfile("RGB ", descTag("Display P3", 0xFFFFFFFF))},
+        {"record beyond the tag", iccProfile("RGB ", mlucTag(srgb, 36))},
+        {"record at 4 GB", iccProfile("RGB ", mlucTag(srgb, 34, 0xFFFFFFF0))},
+        {"no records", iccProfile("RGB ", mlucTag(srgb, 34, 28, 0))},
+        {"not ASCII", iccProfile("RGB ", descTag("Gr\xfcn", 4))},
+        {"surrogates, paired and lone",
+         iccProfile("RGB ",
+                    mlucTag(u"\xDC00Gr\u00fcn \U0001F600\xD800" + std::u16string(1, 0), 20))},
+    };
+    for (const auto& [name, bytes] : cases) {
+        ip::Image image = makeGradient(1, 1, 3);
+        if (!bytes.empty())
+            setProfile(image, bytes);
+        const ip::IccProfileInfo icc = ip::getIccProfileInfo(image);
+        row(name, fmt::format("'{}' '{}'", icc.colorSpace, icc.description));
+    }
+}
+
+TEST_F(Writing, ACmykFilesAttributesAreRemovedAndNeverGoIntoATexture) {
+    // Read from a CMYK JPEG, the pixels are RGB but the attributes still the file's, and libpng
+    // refuses the CMYK profile: once they are removed the same pixels go into a PNG.
+    writeCmykJpeg(temp / "cmyk.jpg", iccProfile("CMYK", descTag("Coated", 6)));
+    const ip::Image asRead = ip::readImage(temp / "cmyk.jpg");
+    ip::Image jpeg = asRead;
+    row("CMYK JPEG", describe(jpeg) + " " + cmykAttributes(jpeg));
+    row("  to a PNG", ip::writeImage(jpeg, temp / "as-read.png"));
+    row("  removed", ip::removeCmykAttributes(jpeg));
+    row("  left", describe(jpeg) + " " + cmykAttributes(jpeg));
+    row("  to a PNG", ip::writeImage(jpeg, temp / "cmyk.png"));
+    EXPECT_EQ(describe(ip::readImage(temp / "cmyk.png")), describe(jpeg));
+    row("  removed again", ip::removeCmykAttributes(jpeg));
+    // An RGB file's attributes stay, its profile goes into a PNG.
+    ip::Image rgb = makeGradient(2, 1, 3, T::UINT8);
+    setProfile(rgb, iccProfile("RGB ", descTag("Display P3", 10)));
+    rgb.buffer.specmod().attribute("tiff:PhotometricInterpretation", 2);
+    rgb.buffer.specmod().attribute("jpeg:ColorSpace", "YCbCr");
+    row("RGB removed", ip::removeCmykAttributes(rgb));
+    row("  left", cmykAttributes(rgb));
+    row("  to a PNG", ip::writeImage(rgb, temp / "rgb.png"));
+    row("  read back", cmykAttributes(ip::readImage(temp / "rgb.png")));
+    // OpenImageIO writes a TIFF of "tiff:ColorSpace" "CMYK" separated; a tiled one of those would
+    // abort OpenImageIO 2.4.7's reader, so its header is checked before any pixel is read.
+    ip::Image tiff = makeGradient(8, 4, 3, T::UINT8);
+    tiff.buffer.specmod().attribute("tiff:ColorSpace", "CMYK");
+    writeWithOIIO(tiff.buffer, temp / "cmyk.tif");
+    const ip::Image separated = ip::readImage(temp / "cmyk.tif");
+    for (const auto& [name, source] : {std::pair{"tiff.tx", &separated}, {"jpeg.tx", &asRead}}) {
+        row(name, ip::makeTexture(*source, temp / name));
+        const auto in = OIIO::ImageInput::open((temp / name).string());
+        ASSERT_TRUE(in);
+        ip::Image header;
+        header.buffer.reset(in->spec(), OIIO::InitializePixels::No);
+        row("  texture", cmykAttributes(header));
+        ASSERT_EQ(in->spec().get_int_attribute("tiff:PhotometricInterpretation"), 2);
+        row("  read back", readTexture(temp / name));  // level 0 has the source's digest
+        row("  source", cmykAttributes(*source));
+    }
 }

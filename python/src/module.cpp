@@ -339,6 +339,12 @@ void bindMetadata(py::module_& m) {
     m.def("getMetadataFromImage", &ip::getMetadataFromImage, "image"_a, docs::getMetadataFromImage);
     m.def("addMetadataToImage", &ip::addMetadataToImage, "image"_a, "metadata"_a,
           docs::addMetadataToImage);
+    py::class_<ip::IccProfileInfo>(m, "IccProfileInfo", docs::IccProfileInfo)
+        .def(py::init<>())
+        .def_readonly("colorSpace", &ip::IccProfileInfo::colorSpace)
+        .def_readonly("description", &ip::IccProfileInfo::description);
+    m.def("getIccProfileInfo", &ip::getIccProfileInfo, "image"_a, docs::getIccProfileInfo);
+    m.def("removeCmykAttributes", &ip::removeCmykAttributes, "image"_a, docs::removeCmykAttributes);
 }
 
 void bindOperations(py::module_& m) {

@@ -21,6 +21,7 @@
 #include <vorel/base/str_utils.h>
 #include <vorel/base/timing.h>
 
+#include "file_attributes.h"
 #include "image_reading.h"
 #include "parallel_image.h"
 #include "pixel_memory.h"
@@ -528,7 +529,15 @@ bool makeTexture(const Image& image, const std::filesystem::path& path,
     const auto mode = options.mode == TextureMode::LatLongEnvironment
                           ? OIIO::ImageBufAlgo::MakeTxEnvLatl
                           : OIIO::ImageBufAlgo::MakeTxTexture;
-    if (!OIIO::ImageBufAlgo::make_texture(mode, image.buffer, fileName, textureConfig(options))) {
+    // make_texture writes every attribute of its source, and a CMYK file's make the TIFF writer
+    // encode a separated file that OpenImageIO 2.4.7 can't read back tiled. Such sources are rare:
+    // only they pay for a copy without those attributes.
+    std::optional<Image> rgbSource;
+    if (!cmykEncodingAttributes(image.buffer.spec()).empty()) {
+        removeCmykAttributes(rgbSource.emplace(image));
+    }
+    const OIIO::ImageBuf& source = rgbSource ? rgbSource->buffer : image.buffer;
+    if (!OIIO::ImageBufAlgo::make_texture(mode, source, fileName, textureConfig(options))) {
         VOREL_LOG(err, "Couldn't make texture {}:\n{}", fileName, OIIO::geterror(true));
         return false;
     }

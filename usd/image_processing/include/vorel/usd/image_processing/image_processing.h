@@ -283,11 +283,12 @@ struct TextureOptions {
 /// attributes go into the file as far as its format holds them: a TIFF keeps "sRGB" only, an
 /// OpenEXR reads back as "Linear" whatever it was. As maketx's textures, it carries the
 /// fingerprint of its pixels ("oiio:SHA-1") by which a texture cache shares duplicates, and a
-/// "Software" that names OpenImageIO. The texture is written under a temporary
-/// name and renamed when complete. `image` is not changed. Returns false and logs at err
-/// "Couldn't make texture {file}:\n{OpenImageIO's text}" when OpenImageIO refuses (an unknown
-/// filter, data format or extension, a NaN with NanHandling::Fail, a file that can't be
-/// written). On success logs the time taken at debug.
+/// "Software" that names OpenImageIO. The attributes of a CMYK source file that
+/// removeCmykAttributes removes are left out (the texture of a CMYK JPEG or TIFF is an RGB file).
+/// The texture is written under a temporary name and renamed when complete. `image` is not
+/// changed. Returns false and logs at err "Couldn't make texture {file}:\n{OpenImageIO's text}"
+/// when OpenImageIO refuses (an unknown filter, data format or extension, a NaN with
+/// NanHandling::Fail, a file that can't be written). On success logs the time taken at debug.
 VOREL_USD_IMAGE_PROCESSING_API bool makeTexture(const Image& image,
                                                 const std::filesystem::path& path,
                                                 const TextureOptions& options = {});
@@ -326,6 +327,31 @@ VOREL_USD_IMAGE_PROCESSING_API MetadataMap getMetadataFromImage(const Image& ima
 /// and returns false: the entries before it in the map's iteration order are written, the
 /// later ones are not tried. True when every entry was written, also for an empty map.
 VOREL_USD_IMAGE_PROCESSING_API bool addMetadataToImage(Image& image, const MetadataMap& metadata);
+
+/// What an embedded ICC profile says of itself.
+struct IccProfileInfo {
+    std::string colorSpace;   ///< The header's data colour space: "RGB", "CMYK", "GRAY", "Lab", ...
+    std::string description;  ///< The text of its 'desc' tag, in UTF-8.
+};
+
+/// Reads the image's ICC profile (the attribute "ICCProfile", an array of bytes, as OpenImageIO's
+/// readers store a file's profile): the data colour space of its header without trailing blanks,
+/// and the description of an ICC v2 'desc' or v4 'mluc' tag (its first record) converted to UTF-8,
+/// trailing NULs dropped; a byte outside ASCII or a broken UTF-16 unit becomes U+FFFD. Both are ""
+/// without a profile or with one shorter than its 128-byte header; `description` is "" when there
+/// is no 'desc' tag or it doesn't lie whole inside the profile. The bytes come from any file:
+/// nothing is read outside them. Never fails, never logs.
+VOREL_USD_IMAGE_PROCESSING_API IccProfileInfo getIccProfileInfo(const Image& image);
+
+/// Removes what a CMYK file (JPEG or TIFF) leaves among the attributes of the image read from it,
+/// which is RGB in memory: "tiff:ColorSpace" "CMYK", "tiff:PhotometricInterpretation" 5
+/// (separated), "jpeg:ColorSpace" "CMYK" and an "ICCProfile" whose colour space is "CMYK"; each
+/// only with that value, so an RGB profile stays. Written again, they would make OpenImageIO's
+/// TIFF writer encode a CMYK file (a tiled one of which OpenImageIO 2.4.7 can't read back) and
+/// libpng refuse the profile. Touches no pixel and no other attribute ("oiio:ColorSpace" and the
+/// "ICCProfile:..." fields stay). Returns true when it removed any. Never logs. makeTexture
+/// leaves these attributes out of its textures by itself.
+VOREL_USD_IMAGE_PROCESSING_API bool removeCmykAttributes(Image& image);
 
 /// @}
 
