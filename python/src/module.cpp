@@ -178,6 +178,14 @@ void bindTagsAndPixels(py::module_& m) {
 void bindReading(py::module_& m) {
     m.def("readImage", ipy::withoutGil(&ip::readImage), "path"_a, docs::readImage);
     m.def("getImageSpec", ipy::withoutGil(&ip::getImageSpec), "path"_a, docs::getImageSpec);
+    py::class_<ip::ReadBack>(m, "ReadBack", docs::ReadBack)
+        .def(py::init<>())
+        .def_readonly("channels", &ip::ReadBack::channels)
+        .def_readonly("format", &ip::ReadBack::format)
+        .def_readonly("colorSpace", &ip::ReadBack::colorSpace)
+        .def_readonly("error", &ip::ReadBack::error);
+    m.def("readBackImageFile", ipy::withoutGil(&ip::readBackImageFile), "path"_a,
+          docs::readBackImageFile);
     m.def(
         "createImageFromData",
         [](const py::buffer& data, int width, int height, int numChannels,

@@ -55,6 +55,103 @@ ImageSpec getImageSpec(const std::filesystem::path& path) {
     return size;
 }
 
+namespace {
+
+/// The smallest MIP level of subimage 0: the last one that the reader seeks to. The refusal of
+/// the level past it is no failure, and its text is dropped.
+int smallestMipLevel(OIIO::ImageInput& in) {
+    int level = 0;
+    while (in.seek_subimage(/*subimage=*/0, level + 1)) {
+        ++level;
+    }
+    in.geterror(/*clear=*/true);
+    OIIO::geterror(/*clear=*/true);
+    return level;
+}
+
+/// The first row (or slice) of the last tile of `extent` samples from `origin`; `origin` itself
+/// for scanlines (a tile size of 0).
+int lastTileStart(int origin, int extent, int tile) {
+    return tile > 0 && extent > 0 ? origin + (extent - 1) / tile * tile : origin;
+}
+
+/// Reads the pixels at the end of the current level as floats: the last row of tiles, or the
+/// last rows of the last slice. "" when they read, else what failed. Memory for them is held to
+/// the host's limits like any other.
+std::string readLastRows(OIIO::ImageInput& in, int level) {
+    constexpr int kScanlineRows = 16;
+    const OIIO::ImageSpec spec = in.spec();
+    const bool tiled = spec.tile_width > 0;
+    const int yend = spec.y + spec.height, zend = spec.z + spec.depth;
+    const int ybegin = tiled ? lastTileStart(spec.y, spec.height, spec.tile_height)
+                             : std::max(spec.y, yend - kScanlineRows);
+    const int zbegin = tiled ? lastTileStart(spec.z, spec.depth, spec.tile_depth) : zend - 1;
+    const std::string refusal = pixelMemoryRefusal(spec.width, yend - ybegin, zend - zbegin,
+                                                   spec.nchannels, OIIO::TypeFloat);
+    if (!refusal.empty()) {
+        return refusal;
+    }
+    std::vector<float> pixels(size_t(spec.width) * size_t(yend - ybegin) * size_t(zend - zbegin) *
+                              size_t(spec.nchannels));
+    const bool read =
+        tiled ? in.read_tiles(/*subimage=*/0, level, spec.x, spec.x + spec.width, ybegin, yend,
+                              zbegin, zend, /*chbegin=*/0, spec.nchannels, OIIO::TypeFloat,
+                              pixels.data())
+              : in.read_scanlines(/*subimage=*/0, level, ybegin, yend, zbegin, /*chbegin=*/0,
+                                  spec.nchannels, OIIO::TypeFloat, pixels.data());
+    return read ? std::string() : fmt::format("the pixels of MIP level {} don't read", level);
+}
+
+/// Seeks to the smallest MIP level of subimage 0 and reads its last rows: "" when they read, else
+/// what failed. A TIFF's MIP levels are a chain of directories, and a file cut between two of
+/// them reads whole as a shorter chain: only a chain that ends at one pixel, as every texture's
+/// does, is complete.
+std::string readSmallestLevel(OIIO::ImageInput& in) {
+    const int level = smallestMipLevel(in);
+    if (!in.seek_subimage(/*subimage=*/0, level)) {
+        return fmt::format("MIP level {} doesn't open", level);
+    }
+    const OIIO::ImageSpec& spec = in.spec();
+    if (level > 0 && (spec.width > 1 || spec.height > 1) &&
+        std::string_view(in.format_name()) == "tiff") {
+        return fmt::format("the file ends after MIP level {} of {}x{} pixels", level, spec.width,
+                           spec.height);
+    }
+    return readLastRows(in, level);
+}
+
+/// The error of a failed step: the reader's text, else OpenImageIO's global one, else `step`.
+/// Both are taken, so that neither comes up again in a later failure.
+std::string readBackFailure(const std::string& fileName, OIIO::ImageInput* in,
+                            const std::string& step) {
+    const std::string global = OIIO::geterror(/*clear=*/true);
+    const std::string own = in ? in->geterror(/*clear=*/true) : std::string();
+    const std::string& detail = !own.empty() ? own : !global.empty() ? global : step;
+    return fmt::format("Couldn't read back {}:\n{}", fileName, detail);
+}
+
+}  // namespace
+
+ReadBack readBackImageFile(const std::filesystem::path& path) {
+    const std::string fileName = base::convertPathToString(path);
+    ReadBack result;
+    const std::unique_ptr<OIIO::ImageInput> in = OIIO::ImageInput::open(fileName, nullptr, nullptr);
+    if (!in) {
+        result.error = readBackFailure(fileName, nullptr, "the file doesn't open");
+        return result;
+    }
+    const OIIO::ImageSpec& header = in->spec();
+    result.channels = header.nchannels;
+    result.format = header.format.c_str();
+    result.colorSpace = header.get_string_attribute("oiio:ColorSpace");
+    const std::string failedStep = readSmallestLevel(*in);
+    if (!failedStep.empty()) {
+        result.error = readBackFailure(fileName, in.get(), failedStep);
+    }
+    in->close();
+    return result;
+}
+
 Image createImageFromData(void* data, int width, int height, int numChannels,
                           OIIO::TypeDesc format) {
     // The caller's size is checked before a spec is made of it: a spec names each of its channels.

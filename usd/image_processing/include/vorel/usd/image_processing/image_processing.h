@@ -122,6 +122,25 @@ VOREL_USD_IMAGE_PROCESSING_API Image readImage(const std::filesystem::path& path
 /// {0, 0} and logs at err "Couldn't open image {file}:\n{OpenImageIO's text}".
 VOREL_USD_IMAGE_PROCESSING_API ImageSpec getImageSpec(const std::filesystem::path& path);
 
+/// What a reader sees of a file just written: readBackImageFile's answer.
+struct ReadBack {
+    int channels = 0;        ///< Channels of the first subimage.
+    std::string format;      ///< Its pixel type by OpenImageIO's name ("uint8", "half", ...).
+    std::string colorSpace;  ///< Its "oiio:ColorSpace", "" when it has none.
+    std::string error;       ///< "" when the file read back; else why not, as a log line says it.
+};
+
+/// Checks cheaply that a file just written reads back whole: opens it, takes the header of its
+/// first subimage and reads the last pixels of its smallest MIP level as floats (the last row of
+/// tiles, which is all of any texture's smallest level, or the last 16 scanlines). A file cut
+/// short fails there, also when its header is whole; so does a TIFF whose MIP levels stop short
+/// of 1x1, as a cut between two levels leaves one. On failure `error` is
+/// "Couldn't read back {file}:\n{OpenImageIO's text}" (or the step that failed when OpenImageIO
+/// gives no text), with the fields read so far filled in (0 and "" when the file doesn't open).
+/// Logs nothing, throws nothing of its own and leaves no OpenImageIO error pending: reporting is
+/// the caller's.
+VOREL_USD_IMAGE_PROCESSING_API ReadBack readBackImageFile(const std::filesystem::path& path);
+
 /// A new image holding a copy of `width` x `height` x `numChannels` values of type `format`,
 /// packed channel by channel, pixel by pixel, row by row from the top. `data` stays the
 /// caller's and may be freed on return. On failure returns the empty Image and logs at err
