@@ -51,6 +51,7 @@ TEST_F(Writing, ColourPolicyConvertsForTheExtensionAndTheWriterOnlyReportsMismat
     for (const auto& [file, from] : cases) {
         ip::Image image = tagged(from);
         row(fmt::format("{} from '{}'", file, from), ip::colorConvertByFormat(image, temp / file));
+        row("  for the extension", ip::getColorSpaceForExtension(temp / file));
         row("  converted", describe(image));
         if (image.buffer.initialized())
             row("  written", ip::writeImage(image, temp / file, -1));

@@ -251,6 +251,8 @@ void bindWriting(py::module_& m) {
                  "Raises ValueError while an array from pixels() shares the "
                  "image's memory.")
             .c_str());
+    m.def("getColorSpaceForExtension", &ip::getColorSpaceForExtension, "path"_a,
+          docs::getColorSpaceForExtension);
     m.def("writeImage", ipy::withoutGil(&ip::writeImage), "image"_a, "path"_a,
           "compressionLevel"_a = -1, docs::writeImage);
     m.def("writeMultiPartEXR", ipy::withoutGil(&ip::writeMultiPartEXR), "layerNames"_a, "images"_a,

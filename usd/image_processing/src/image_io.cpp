@@ -354,6 +354,18 @@ std::unique_ptr<OIIO::ImageOutput> createWriter(const std::string& fileName) {
 
 }  // namespace
 
+std::string getColorSpaceForExtension(const std::filesystem::path& path) {
+    const std::string extension = lowerExtension(path);
+    if (sRGBLenientExtensions.count(extension) != 0 || sRGBStrictExtensions.count(extension) != 0) {
+        return "sRGB";
+    }
+    if (linearLenientExtensions.count(extension) != 0 ||
+        linearStrictExtensions.count(extension) != 0) {
+        return "linear";
+    }
+    return std::string();
+}
+
 bool colorConvertByFormat(Image& image, const std::filesystem::path& path) {
     const std::string extension = lowerExtension(path);
     const std::string colorSpace = getColorSpace(image);
@@ -361,29 +373,22 @@ bool colorConvertByFormat(Image& image, const std::filesystem::path& path) {
         VOREL_LOG(warn, "Image has no color space set and is unknown, no conversions will be done");
         return false;
     }
-    // A failed conversion leaves the empty Image in place: colorConvert has logged why.
-    if ((sRGBLenientExtensions.count(extension) != 0 ||
-         sRGBStrictExtensions.count(extension) != 0) &&
-        colorSpace != "sRGB") {
-        image = colorConvert(image, colorSpace, "sRGB");
-        VOREL_LOG(debug, "Converted image from '{}' to 'sRGB' for extension '{}'", colorSpace,
-                  extension);
-        return true;
+    const std::string target = getColorSpaceForExtension(path);
+    if (target.empty() || colorSpace == target) {
+        VOREL_LOG(debug, "No color conversion needed for extension '{}'", extension);
+        return false;
     }
-    if ((linearLenientExtensions.count(extension) != 0 ||
-         linearStrictExtensions.count(extension) != 0) &&
-        colorSpace != "linear") {
-        image = colorConvert(image, colorSpace, "linear");
-        VOREL_LOG(debug, "Converted image from '{}' to 'linear' for extension '{}'", colorSpace,
-                  extension);
+    // A failed conversion leaves the empty Image in place: colorConvert has logged why.
+    image = colorConvert(image, colorSpace, target);
+    VOREL_LOG(debug, "Converted image from '{}' to '{}' for extension '{}'", colorSpace, target,
+              extension);
+    if (target == "linear") {
         VOREL_LOG(warn,
                   "Converting to linear space, this is not normally recommended and could result "
                   "in loss of information.  It would be better  to keep everything in linear "
                   "space before exporting");
-        return true;
     }
-    VOREL_LOG(debug, "No color conversion needed for extension '{}'", extension);
-    return false;
+    return true;
 }
 
 bool writeImage(const Image& image, const std::filesystem::path& path, int compressionLevel) {

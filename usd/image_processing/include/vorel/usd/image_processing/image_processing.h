@@ -214,6 +214,12 @@ VOREL_USD_IMAGE_PROCESSING_API std::vector<std::string> getSupportedImageExtensi
 VOREL_USD_IMAGE_PROCESSING_API bool colorConvertByFormat(Image& image,
                                                          const std::filesystem::path& path);
 
+/// The colour space that colorConvertByFormat brings an image into for the last extension of
+/// `path` (any case): "sRGB" for ".png", ".jpg", ".jpeg", ".bmp", ".gif", ".webp"; "linear" for
+/// ".exr", ".tif", ".tiff"; "" for any other, which converts nothing. Logs nothing.
+VOREL_USD_IMAGE_PROCESSING_API std::string getColorSpaceForExtension(
+    const std::filesystem::path& path);
+
 /// Writes `image` to `path`; the format follows from the file name. Never converts colour: on
 /// ".jpg", ".jpeg", ".bmp", ".gif", ".webp" a tag other than "sRGB", and on ".exr" a tag other
 /// than "linear", is logged at err and the file is written all the same (a missing tag is a
