@@ -306,7 +306,8 @@ void setProfile(ip::Image& image, const std::string& bytes) {
 std::string cmykAttributes(const ip::Image& image) {
     std::string found;
     for (const char* name :
-         {"tiff:ColorSpace", "tiff:PhotometricInterpretation", "jpeg:ColorSpace"})
+         {"tiff:ColorSpace", "tiff:PhotometricInterpretation", "jpeg:ColorSpace",
+          "ICCProfile:color_space"})
         if (const OIIO::ParamValue* value = image.buffer.spec().find_attribute(name))
             found += fmt::format("{}={} ", name, value->get_string());
     return found + "ICCProfile=" + ip::getIccProfileInfo(image).colorSpace;

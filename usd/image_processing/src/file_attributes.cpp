@@ -198,9 +198,15 @@ bool describesCmyk(const OIIO::ParamValue& attribute) {
 }  // namespace
 
 std::vector<StoredAttribute> cmykEncodingAttributes(const OIIO::ImageSpec& spec) {
+    // OpenImageIO also decodes a profile's header into "ICCProfile:..." attributes, which would
+    // go on describing a CMYK profile in any file written with them.
+    const OIIO::ParamValue* const profile =
+        spec.find_attribute("ICCProfile", OIIO::TypeUnknown, /*casesensitive=*/true);
+    const bool cmykProfile = profile != nullptr && describesCmyk(*profile);
     std::vector<StoredAttribute> found;
     for (const OIIO::ParamValue& attribute : spec.extra_attribs) {
-        if (describesCmyk(attribute)) {
+        if (describesCmyk(attribute) ||
+            (cmykProfile && OIIO::Strutil::starts_with(attribute.name(), "ICCProfile:"))) {
             found.push_back({attribute.name().string(), attribute.type()});
         }
     }

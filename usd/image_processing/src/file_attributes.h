@@ -20,7 +20,7 @@ struct StoredAttribute {
 
 /// The attributes of `spec` that describe a CMYK encoding of its file: "tiff:ColorSpace" "CMYK",
 /// "tiff:PhotometricInterpretation" 5, "jpeg:ColorSpace" "CMYK", an "ICCProfile" of colour space
-/// "CMYK". Empty for any image that is not from a CMYK file.
+/// "CMYK" and the "ICCProfile:..." fields decoded from it. Empty for any image that is not from a CMYK file.
 std::vector<StoredAttribute> cmykEncodingAttributes(const OIIO::ImageSpec& spec);
 
 }  // namespace vorel::usd::image_processing

@@ -370,11 +370,11 @@ VOREL_USD_IMAGE_PROCESSING_API IccProfileInfo getIccProfileInfo(const Image& ima
 
 /// Removes what a CMYK file (JPEG or TIFF) leaves among the attributes of the image read from it,
 /// which is RGB in memory: "tiff:ColorSpace" "CMYK", "tiff:PhotometricInterpretation" 5
-/// (separated), "jpeg:ColorSpace" "CMYK" and an "ICCProfile" whose colour space is "CMYK"; each
-/// only with that value, so an RGB profile stays. Written again, they would make OpenImageIO's
-/// TIFF writer encode a CMYK file (a tiled one of which OpenImageIO 2.4.7 can't read back) and
-/// libpng refuse the profile. Touches no pixel and no other attribute ("oiio:ColorSpace" and the
-/// "ICCProfile:..." fields stay). Returns true when it removed any. Never logs. makeTexture
+/// (separated), "jpeg:ColorSpace" "CMYK" and an "ICCProfile" whose colour space is "CMYK" with
+/// the "ICCProfile:..." fields OpenImageIO decodes from it; each only with that value, so an RGB
+/// profile stays. Written again, they would make OpenImageIO's TIFF writer encode a CMYK file (a
+/// tiled one of which OpenImageIO 2.4.7 can't read back) and libpng refuse the profile. Touches
+/// no pixel and no other attribute ("oiio:ColorSpace" stays). Returns true when it removed any. Never logs. makeTexture
 /// leaves these attributes out of its textures by itself.
 VOREL_USD_IMAGE_PROCESSING_API bool removeCmykAttributes(Image& image);
 
