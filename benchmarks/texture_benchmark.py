@@ -104,6 +104,8 @@ class Single:
     host_ratios: list[float] = dataclasses.field(default_factory=list)
     ours_child_work: list[float] = dataclasses.field(default_factory=list)
     ours_in_process: list[float] = dataclasses.field(default_factory=list)
+    # The batch reads every texture back before it counts: that read against the conversion.
+    read_back_ratios: list[float] = dataclasses.field(default_factory=list)
     # Per file and repetition: ours / maketx as processes; (ours, maketx) for the work alone.
     process_ratios: list[float] = dataclasses.field(default_factory=list)
     work_pairs: list[tuple[float, float]] = dataclasses.field(default_factory=list)
@@ -157,6 +159,8 @@ def single_files(root: pathlib.Path, kinds: list[Kind], per_kind: int, repetitio
                 image = vip.readImage(source)
                 assert image and vip.makeTexture(image, ours), source
                 times["in_process"] = time.perf_counter() - started
+                times["read_back"] = timed(lambda: vip.readBackImageFile(ours))
+                assert not vip.readBackImageFile(ours).error, ours
 
             contenders = [with_maketx, with_process, with_host, in_process]
             turn = (repetition + index) % len(contenders)  # each goes first in turn
@@ -169,6 +173,7 @@ def single_files(root: pathlib.Path, kinds: list[Kind], per_kind: int, repetitio
             single.host_ratios.append(times["host"] / times["maketx"])
             single.ours_child_work.append(child_work)
             single.ours_in_process.append(times["in_process"])
+            single.read_back_ratios.append(times["read_back"] / times["in_process"])
             single.process_ratios.append(times["process"] / times["maketx"])
             single.work_pairs.append((times["in_process"], times["maketx"]))
     # maketx's start-up as measured in the same repetitions; its median is taken off each of
@@ -367,6 +372,11 @@ def main() -> int:
     print()
     print("Ours, readImage + makeTexture timed inside the separate process: " + "; ".join(
         f"{name} {median_spread(single.ours_child_work)} s" for name, single in singles.items()))
+    print()
+    print("The batch's read-back of each texture (`readBackImageFile`: header and smallest MIP "
+          "level) against readImage + makeTexture of it, in this process: " + "; ".join(
+              f"{name} {median_spread([100 * r for r in single.read_back_ratios])} %"
+              for name, single in singles.items()))
     print()
     print("Against maketx's texture of the same file, default options:")
     for name, lines in comparisons.items():

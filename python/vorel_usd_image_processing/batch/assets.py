@@ -23,6 +23,7 @@ from typing import Any
 import vorel_usd_image_processing as vip
 
 from .child import Converter
+from .colour import DATA, space_by_rule
 from .job import Job, Result, Settings, partial_name
 from .paths import NOT_REGULAR, forget_folders, is_regular, lies_under, member_problem
 
@@ -49,20 +50,21 @@ def is_packaged(source: str) -> bool:
 def usage(texture: dict[str, Any], file: str) -> str:
     """"raw" for data (never colour-converted), "color" for the colour policy of the target.
 
-    An authored "raw" or "sRGB" decides; otherwise OpenUSD's own rule for "auto" does: 8-bit
-    images of 3 or 4 channels are sRGB colour, the rest is used as it is, which for half and float
-    samples is linear colour and for others (a one-channel roughness PNG) data.
+    An authored "raw" or "sRGB" decides; otherwise ("auto") the batch's rule for sources that
+    name no colour space says which images are data.
     """
     if texture["sourceColorSpace"] in ("raw", "sRGB"):
         return "raw" if texture["sourceColorSpace"] == "raw" else "color"
     found = vip.readAssetImageFormat(file)
     if found is None:
         return "color"  # the job fails with the reader's own reason
-    channels, sample_type = found
-    if sample_type in ("half", "float", "double") or (sample_type, channels) in (("uint8", 3),
-                                                                                ("uint8", 4)):
-        return "color"
-    return "raw"
+    return "raw" if space_by_rule(*found) == DATA else "color"
+
+
+def stated_space(texture: dict[str, Any]) -> str:
+    """The colour space an asset states for a texture; '' for "auto"."""
+    stated = str(texture["sourceColorSpace"])
+    return stated if stated in ("raw", "sRGB") else ""
 
 
 @dataclasses.dataclass
@@ -96,7 +98,7 @@ class Planner:
 
     def __init__(self, args: argparse.Namespace, attributes: tuple[tuple[str, int], ...]) -> None:
         self.args, self.attributes = args, attributes
-        self.settings = Settings(attributes, vip.__version__)
+        self.settings = Settings(attributes, vip.__version__, args.color_config)
         self.jobs: dict[tuple[str, str], Job] = {}  # (source, usage) → its job
         self.claimed: dict[str, tuple[str, str]] = {}  # output → (source, usage)
         self.failed: list[Result] = []  # inputs that fail before anything runs
@@ -120,7 +122,8 @@ class Planner:
             return str(place.with_suffix("") / packages[layer][0][0])  # its first member
         return str(place)
 
-    def job(self, given: str, source: str, kind: str, place: pathlib.Path, asset: str = "") -> Job:
+    def job(self, given: str, source: str, kind: str, place: pathlib.Path, asset: str = "",
+            space: str = "") -> Job:
         """The job of `source` used as `kind`, made on its first use under a free name."""
         if (source, kind) in self.jobs:
             return self.jobs[(source, kind)]
@@ -136,13 +139,17 @@ class Planner:
         output = str(next(name for name in itertools.chain(names, numbered)
                           if str(name) not in self.claimed))
         self.claimed[output] = (source, kind)
-        return self.add_job(given, source, kind, output, asset)
+        return self.add_job(given, source, kind, output, asset, space)
 
-    def add_job(self, given: str, source: str, kind: str, output: str, asset: str = "") -> Job:
-        """The job of `source` used as `kind`, written to `output` with the batch's options."""
+    def add_job(self, given: str, source: str, kind: str, output: str, asset: str = "",
+                space: str = "") -> Job:
+        """The job of `source` used as `kind` (in the colour `space` its asset states), written
+        to `output` with the batch's options."""
         job = Job(given, source, output, tuple(self.args.op), self.args.png_compression,
                   self.attributes, self.args.timeout, self.args.texture,
-                  usage="raw" if kind == "raw" else "", asset=asset, version=vip.__version__)
+                  usage="raw" if kind == "raw" else "", asset=asset, version=vip.__version__,
+                  color_space=space, assume=self.args.assume_color_space or "",
+                  color_config=self.args.color_config)
         self.jobs[(source, kind)] = job
         return job
 
@@ -193,7 +200,8 @@ class Planner:
         return asset
 
     def use(self, texture: dict[str, Any], kind: str, asset: Asset, folder: pathlib.Path) -> Use:
-        jobs = [self.job(file, file, kind, self.location(file, folder), asset.input)
+        jobs = [self.job(file, file, kind, self.location(file, folder), asset.input,
+                         stated_space(texture))
                 for file in texture["files"]]
         target = pathlib.Path(jobs[0].output)
         if _UDIM in texture["assetPath"]:

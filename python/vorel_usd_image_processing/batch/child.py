@@ -43,6 +43,11 @@ class Converter:
             env = dict(os.environ)
             env["PYTHONPATH"] = os.pathsep.join(filter(None, [package_parent,
                                                               env.get("PYTHONPATH")]))
+            # OpenImageIO reads $OCIO once, at its first colour call: the batch's config, and
+            # never one that this worker happens to have.
+            env.pop("OCIO", None)
+            if settings.color_config:
+                env["OCIO"] = settings.color_config
             self.errors = tempfile.TemporaryFile()
             self.settings = settings
             self.child = subprocess.Popen(

@@ -139,6 +139,15 @@ def parse_args(argv: list[str] | None) -> argparse.Namespace:
                           help="a one-colour image becomes a texture of one tile")
     textures.add_argument("--envlatl", action="store_true",
                           help="a latitude-longitude environment map")
+    colour = parser.add_argument_group("colour")
+    colour.add_argument("--assume-color-space", metavar="NAME",
+                        help="the colour space of 3- and 4-channel sources that name none and "
+                             "whose asset states none (default: sRGB for 8-bit samples, linear "
+                             "for others; 1- and 2-channel sources are data)")
+    colour.add_argument("--color-config", type=pathlib.Path, metavar="FILE",
+                        help="the OpenColorIO config whose colour space names sources, "
+                             "assumptions and assets may use (default: $OCIO, else "
+                             "OpenImageIO's built-in names: sRGB, linear, Rec709)")
     where = parser.add_mutually_exclusive_group()
     where.add_argument("--workers", type=int, default=os.cpu_count() or 1,
                        help="workers of a local cluster, each with its converter process "
@@ -171,6 +180,11 @@ def parse_args(argv: list[str] | None) -> argparse.Namespace:
     if not (args.inputs and args.output and args.ext):
         parser.error("INPUT, -o OUTDIR and --ext are required")
     args.ext = args.ext if args.ext.startswith(".") else "." + args.ext
+    if args.color_config is not None and not args.color_config.is_file():
+        parser.error(f"--color-config {args.color_config}: no such file")
+    # Carried to every converter process, which may run on another machine with another $OCIO.
+    args.color_config = (str(args.color_config.absolute()) if args.color_config
+                         else os.environ.get("OCIO", ""))
     given = [f"--{name.replace('_', '-')}" for name in TEXTURE_FLAGS if vars(args)[name]]
     if args.usdz and args.ext.lower() not in PACKAGE_EXTENSIONS:
         parser.error(f"--usdz packages hold {', '.join(PACKAGE_EXTENSIONS)} textures, "

@@ -49,6 +49,7 @@ class Settings:
 
     attributes: tuple[tuple[str, int], ...] = ()  # OpenImageIO's, set before its first file
     version: str = ""  # the package version the batch expects of it
+    color_config: str = ""  # the OpenColorIO config its colour names come from; "" built-in
 
 
 @dataclasses.dataclass(frozen=True)
@@ -64,6 +65,9 @@ class Job:
     usage: str = ""  # "raw": data, written without colour conversion; else the colour policy
     asset: str = ""  # the asset input whose texture this is (the first, when several use it)
     version: str = ""  # the batch's package version: a converter of another is replaced
+    color_space: str = ""  # the space its asset states for it; "" when the file or rule decides
+    assume: str = ""  # --assume-color-space: for colour sources that name none
+    color_config: str = ""  # --color-config, else $OCIO where the batch runs; "" built-in names
 
     @property
     def partial(self) -> str:
@@ -71,7 +75,7 @@ class Job:
 
     @property
     def settings(self) -> Settings:
-        return Settings(self.attributes, self.version)
+        return Settings(self.attributes, self.version, self.color_config)
 
     def to_json(self) -> str:
         return json.dumps(dataclasses.asdict(self))
@@ -86,9 +90,10 @@ class Job:
         return cls(**fields)
 
     def result(self, status: str, reason: str = "", started: float | None = None,
-               color_space: str = "") -> Result:
-        """A report entry; seconds since `started` (time.monotonic), 0 without it."""
+               color_space: str = "", **said: str) -> Result:
+        """A report entry, with what else it `said`; seconds since `started` (time.monotonic),
+        0 without it."""
         seconds = round(time.monotonic() - started, 3) if started is not None else 0.0
         result = {"input": self.input, "status": status, "output": self.output, "reason": reason,
-                  "color_space": color_space, "seconds": seconds}
+                  "color_space": color_space, **said, "seconds": seconds}
         return {**result, "asset": self.asset} if self.asset else result

@@ -20,6 +20,7 @@ from typing import Any
 import vorel_usd_image_processing as vip
 
 from .assets import PACKAGED, outer_file
+from .colour import RULE_VERSION, config_digest
 from .job import Job, Result, partial_name
 
 ATTRIBUTE = "vorel:batch"
@@ -32,12 +33,14 @@ def sidecar(output: str) -> pathlib.Path:
 
 
 def options_digest(job: Job) -> str:
-    """Of what shapes the output: operations, extension, PNG compression, texture, library."""
+    """Of what shapes the output: operations, extension, PNG compression, texture, library, and
+    the colour decision (stated or assumed space, the rule's version, the config's text)."""
     extension = pathlib.Path(job.output).suffix.lower()
     options = {"ops": job.ops, "extension": extension, "library": vip.__version__,
                "png_compression": job.png_compression if extension == ".png" else None,
                "texture": dataclasses.asdict(job.texture) if job.texture else None,
-               "usage": job.usage}
+               "usage": job.usage, "color_space": job.color_space, "assume": job.assume,
+               "color_rule": RULE_VERSION, "color_config": config_digest(job.color_config)}
     return hashlib.sha256(json.dumps(options, sort_keys=True).encode()).hexdigest()
 
 

@@ -1,0 +1,152 @@
+import json
+import os
+import re
+import struct
+import subprocess
+
+import numpy as np
+import pytest
+
+import vorel_usd_image_processing as vip
+from vorel_usd_image_processing.batch import convert
+from vorel_usd_image_processing.batch.job import Job
+from test_batch import BATCH, CAPTURED
+
+# A config that names one space OpenImageIO doesn't know: linear values squared.
+CONFIG = """ocio_profile_version: 1
+search_path: .
+roles: {default: linear, scene_linear: linear}
+displays:
+  default:
+    - !<View> {name: raw, colorspace: linear}
+colorspaces:
+  - !<ColorSpace> {name: linear}
+  - !<ColorSpace>
+    name: squared
+    to_reference: !<ExponentTransform> {value: [2, 2, 2, 1]}
+"""
+
+
+def icc_profile(space, description):
+    """An ICC v2 profile header with a 'desc' tag: enough for readers that check profiles."""
+    text = description.encode().ljust(len(description) // 4 * 4 + 4, b"\0")
+    desc = b"desc" + bytes(4) + struct.pack(">I", len(text)) + text
+    size = 128 + 4 + 12 + len(desc)
+    header = struct.pack(">I4sI4s4s", size, b"none", 0x02100000, b"prtr" if space == "CMYK"
+                         else b"mntr", space.ljust(4).encode()) + b"XYZ " + bytes(12) + b"acsp"
+    d50 = struct.pack(">3i", 0xF6D6, 0x10000, 0xD32D)  # libpng wants the PCS illuminant D50
+    header = header.ljust(68, b"\0") + d50
+    return header.ljust(128, b"\0") + struct.pack(">I4sII", 1, b"desc", 144, len(desc)) + desc
+
+
+def source(tmp_path, name, pixels, *attributes, icc=None):
+    """Values of 0-1 written to in/NAME as samples of a type by oiiotool's writers, with no colour
+    tag but the one their reader gives."""
+    array, dtype = pixels
+    raw = tmp_path / f"{name}.npy.exr"
+    assert vip.writeImage(vip.Image.from_array(array), raw)
+    if icc:
+        (tmp_path / "p.icc").write_bytes(icc_profile(*icc))
+    (tmp_path / "in").mkdir(exist_ok=True)
+    command = ["oiiotool", raw, "--eraseattrib", "oiio:ColorSpace", *attributes,
+               *(["--iccread", tmp_path / "p.icc"] if icc else []),
+               "-d", dtype, "-o", tmp_path / "in" / name]
+    subprocess.run(command, check=True, capture_output=True)
+    raw.unlink()
+
+
+def batch(tmp_path, options):
+    done = subprocess.run(BATCH + ["in", "-o", "out", "--workers", "1", "-q", *options.split()],
+                          cwd=tmp_path, **CAPTURED)
+    report = [json.loads(line) for line in (tmp_path / "out" / "batch-report.jsonl").open()]
+    return done, {entry["input"].split("/", 1)[1]: entry for entry in report}
+
+
+def flat(value, channels=3, dtype="float", size=(8, 16)):
+    """One value in every colour channel, an opaque alpha as the fourth."""
+    array = np.full((*size, channels), value, np.float32)
+    array[..., 3:4] = 1
+    return array, dtype
+
+
+CMYK = ("--attrib", "tiff:ColorSpace", "CMYK")  # OpenImageIO writes it as a separated TIFF
+ROWS = [  # options, source name, array, oiiotool attributes, ICC profile, expected fields, sample
+    (".png", "linear_float.tif", flat(0.2), (), None,
+     {"color_space": "sRGB", "color_space_source": "assumed"}, 124),
+    (".png", "cmyk.tif", flat(0.4, dtype="uint8"), CMYK, ("CMYK", "Coated FOGRA39"),
+     {"color_space": "sRGB", "color_space_source": "assumed"}, 102),
+    (".png", "p3.jpg", flat(0.4, dtype="uint8"), (), ("RGB", "Display P3"),
+     {"color_space_source": "file", "icc_profile": "Display P3"}, 102),
+    (".png", "bright.exr", flat(2.0, 3, "half"), (), None,
+     {"lost": r"values 1\.35\d to 1\.35\d clipped to 0-1"}, 255),
+    (".jpg", "rgba.png", flat(0.4, 4, "uint8"), (), None, {"lost": "alpha"}, 102),
+    (".exr", "srgb_8bit.tif", flat(128 / 255, dtype="uint8"), (), None,
+     {"color_space": "linear", "color_space_source": "assumed"}, 0.2158),
+    (".exr", "mask.tif", flat(128 / 255, 1, "uint8"), (), None,
+     {"color_space": "raw", "color_space_source": "assumed"}, 0.502),
+    (".exr --assume-color-space linear", "srgb_8bit.tif", flat(128 / 255, dtype="uint8"), (), None,
+     {"color_space": "linear", "color_space_source": "assumed"}, 0.502),
+    (".tx --texture", "cmyk.tif", flat(0.4, dtype="uint8"), CMYK, ("CMYK", "Coated FOGRA39"),
+     {"color_space": "sRGB"}, 102),
+    (".png --assume-color-space squared --color-config cfg.ocio", "linear_float.tif",
+     flat(0.2), (), None, {"color_space": "sRGB", "color_config": "TMP/cfg.ocio"}, 56),
+    (".png --assume-color-space squared", "linear_float.tif", flat(0.2), (), None,
+     {"status": "failed"}, "no conversion from 'squared' to 'sRGB' for .png with OpenImageIO's "
+                           "built-in colour names: colorConvert operation failed:"),
+]
+
+
+@pytest.mark.parametrize("options, name, array, attributes, icc, fields, sample", ROWS)
+def test_every_source_is_written_in_the_space_its_line_says(tmp_path, options, name, array,
+                                                           attributes, icc, fields, sample):
+    (tmp_path / "cfg.ocio").write_text(CONFIG)
+    source(tmp_path, name, array, *attributes, icc=icc)
+    done, report = batch(tmp_path, "--ext " + options)
+    entry = {key: str(value).replace(str(tmp_path), "TMP") for key, value in report[name].items()}
+    assert all(re.fullmatch(value, entry.get(key, "")) for key, value in fields.items()), \
+        (entry, done.stderr)
+    if entry["status"] == "failed":
+        assert entry["reason"].startswith(sample) and not (tmp_path / "out" / name).exists()
+        return
+    assert entry["status"] == "converted", entry
+    # Read back in a process of its own: a reader that aborts on the file fails the test only.
+    output = report[name]["output"]
+    read = subprocess.run(["oiiotool", "-v", "--info", "--printstats", output],
+                          capture_output=True, text=True, timeout=60)
+    assert read.returncode == 0 and '"CMYK"' not in read.stdout, read.stdout + read.stderr
+    written = vip.readImage(output).pixels()
+    np.testing.assert_allclose(written[0, 0, 0], sample, atol=1.01 if written.dtype == np.uint8
+                               else 0.001)
+
+
+def test_colour_options_are_part_of_what_makes_an_output_up_to_date(tmp_path):
+    source(tmp_path, "a.tif", flat(128 / 255, dtype="uint8"))
+    (tmp_path / "cfg.ocio").write_text(CONFIG)
+    runs = ["", "", "--assume-color-space sRGB", "--color-config cfg.ocio", "--color-config cfg.ocio"]
+    statuses = [batch(tmp_path, f"--ext .tif --update {run}")[1]["a.tif"]["status"] for run in runs]
+    assert statuses == ["converted", "skipped", "converted", "converted", "skipped"]
+    (tmp_path / "cfg.ocio").write_text(CONFIG + "# edited\n")
+    assert batch(tmp_path, "--ext .tif --update --color-config cfg.ocio")[1]["a.tif"]["status"] \
+        == "converted"
+
+
+@pytest.mark.parametrize("damage, reason", [
+    (lambda path: os.truncate(path, os.path.getsize(path) // 2),
+     "Couldn't read back"),
+    (lambda path: None, ""),
+])
+def test_a_file_that_does_not_read_back_whole_fails(tmp_path, monkeypatch, damage, reason):
+    source(tmp_path, "a.exr", flat(0.5, dtype="half", size=(64, 64)))
+    written = vip.writeImage
+
+    def write_then_damage(image, path, compression=-1):
+        assert written(image, path, compression)
+        damage(path)
+        return True
+
+    monkeypatch.setattr(vip, "writeImage", write_then_damage)
+    job = Job("a.exr", str(tmp_path / "in" / "a.exr"), str(tmp_path / "out" / "a.png"))
+    result = convert.convert(job, convert._Lines())
+    assert (result["status"], result["reason"][:len(reason)]) == (
+        "failed" if reason else "converted", reason)
+    assert sorted(p.name for p in (tmp_path / "out").iterdir()) == ([] if reason else ["a.png"])

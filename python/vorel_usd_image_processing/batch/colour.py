@@ -1,0 +1,119 @@
+"""What a source's pixels are when its file doesn't say, and what a target format keeps of them.
+
+The batch decides a source's colour space once, before any operation or conversion, and says on
+the report line where it came from: the file's own tag ("file"), the asset that uses it
+("asset"), or the rule below or --assume-color-space ("assumed").
+"""
+
+from __future__ import annotations
+
+import functools
+import hashlib
+
+import vorel_usd_image_processing as vip
+
+DATA = "raw"  # the tag of data: never colour-converted
+RULE_VERSION = 1  # of `space_by_rule`; --update redoes outputs made under another
+
+_EIGHT_BIT = ("uint8", "int8")
+# OpenImageIO's own names, which mean the same under any config (measured under ACES configs).
+_BUILT_IN = ("linear", "srgb", "rec709")
+
+
+def space_by_rule(channels: int, sample_type: str) -> str:
+    """The colour space of a source that names none.
+
+    8-bit colour is stored sRGB-encoded almost everywhere; 16-bit, half and float colour is what
+    renderers and compositors write, linear. One or two channels are masks, roughness, heights:
+    data. This is also OpenUSD's rule for a texture whose source colour space is "auto".
+    """
+    if channels not in (3, 4):
+        return DATA
+    return "sRGB" if sample_type in _EIGHT_BIT else "linear"
+
+
+def source_space(image: vip.Image, stated: str, usage: str, assumed: str) -> tuple[str, str]:
+    """The colour space of a source as read, and where it came from: `stated` by its asset, data
+    by `usage`, the file's tag, else `assumed` (--assume-color-space) or the rule, which alone
+    says what one- and two-channel images are."""
+    if stated:
+        return stated, "asset"
+    if usage == DATA:
+        return DATA, "assumed"
+    tagged = vip.getColorSpace(image)
+    if tagged:
+        return tagged, "file"
+    by_rule = space_by_rule(vip.getNumChannels(image), str(image.dtype))
+    return (assumed if assumed and by_rule != DATA else by_rule), "assumed"
+
+
+def convert_for(image: vip.Image, target: str, output: str) -> vip.Image:
+    """The image in `target`, the space that the extension of `output` calls for, by the
+    library's policy; empty when no conversion can be made. A space that only the colour config
+    knows goes through "linear" first: OpenImageIO 2.4.7 converts between a config's space and
+    its own "sRGB" only when the config names both."""
+    space = vip.getColorSpace(image)
+    if target and space != target and space.lower() not in _BUILT_IN:
+        image = vip.colorConvert(image, space, "linear")
+        if not image:
+            return image
+    vip.colorConvertByFormat(image, output)
+    return image
+
+
+def foreign_profile(image: vip.Image) -> str:
+    """The name of an embedded RGB ICC profile that is not an sRGB one (Display P3, Adobe RGB),
+    else '': such pixels are converted as their tag says, and the user should know."""
+    profile = vip.getIccProfileInfo(image)
+    if profile.colorSpace != "RGB" or "srgb" in profile.description.lower():
+        return ""
+    return profile.description or "an unnamed RGB profile"
+
+
+@functools.lru_cache(maxsize=None)
+def config_digest(path: str) -> str:
+    """SHA-256 of a colour configuration's text: a changed config redoes outputs under --update."""
+    if not path:
+        return ""
+    try:
+        with open(path, "rb") as file:
+            return hashlib.file_digest(file, "sha256").hexdigest()
+    except OSError:
+        return "unreadable"
+
+
+# How many channels each writer keeps (measured with OpenImageIO 2.4.7): the rest are dropped.
+_CHANNELS_HELD = {".png": 4, ".tga": 4, ".bmp": 4, ".gif": 4, ".webp": 4}
+_NO_ALPHA = (".jpg", ".jpeg")  # one grey channel, or three colour channels
+
+
+def channels_written(count: int, extension: str) -> int:
+    """How many channels a file of `extension` holds, written from an image of `count`: a JPEG
+    of grey and alpha is written as RGB."""
+    if extension in _NO_ALPHA:
+        return 1 if count == 1 else 3
+    return min(count, _CHANNELS_HELD.get(extension, count))
+
+
+def channels_lost(count: int, extension: str) -> str:
+    """What a file of `extension` drops of an image of `count` channels (R, G, B, A, then the
+    rest), in words; '' for nothing."""
+    if extension in _NO_ALPHA and count in (2, 4):
+        return "alpha"
+    held = channels_written(count, extension)
+    return f"channels {held + 1}-{count}" if held < count else ""
+
+
+def tag_read_back(meant: str, extension: str) -> str | None:
+    """The colour tag that OpenImageIO 2.4.7 reads back from a file of `extension` written from an
+    image tagged `meant`, in lower case; None where the format says nothing that can be checked.
+    A TIFF holds "sRGB" and no other name; OpenEXR always reads back as linear."""
+    if meant not in ("sRGB", "linear"):
+        return None
+    if extension in (".tif", ".tiff", ".tx"):
+        return "srgb" if meant == "sRGB" else ""
+    if extension == ".exr":
+        return "linear"
+    if extension in (".jpg", ".jpeg", ".webp", ".gif"):
+        return "srgb"
+    return meant.lower() if extension == ".png" else None
