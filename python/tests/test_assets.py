@@ -104,7 +104,7 @@ def test_an_asset_points_at_its_converted_textures(tmp_path, options, ext, base_
                 for t in written.textures for name in [t.attribute.rsplit("/", 1)[1]]}
     folder = "../textures/"
     expected = {"Base": ("base", base_space), "Normal": ("normal.raw", "raw"),
-                "Tint": ("normal", base_space), "Rough": ("rough.<UDIM>", "sRGB"),
+                "Tint": ("normal", "sRGB"), "Rough": ("rough.<UDIM>", "sRGB"),
                 "Mask": ("mask", "raw"),  # one 8-bit channel: data, as OpenUSD's "auto" has it
                 "Interface": ("bump", "raw")}  # data by the shader that the material's input feeds
     assert {name: (folder + t.assetPath.rsplit("/", 1)[-1] if package else t.assetPath,
@@ -115,11 +115,12 @@ def test_an_asset_points_at_its_converted_textures(tmp_path, options, ext, base_
     linear = gradient(16, 16, 3)
     encoded = np.where(linear > 0.0031308, linear ** (1 / 2.4) * 1.055 - 0.055, linear * 12.92) \
         if ext == ".png" else linear  # a linear EXR as colour: sRGB in a PNG, linear in a .tx
-    for name, values in (("Normal", linear), ("Interface", linear), ("Tint", encoded), ("Base", encoded)):
+    # Tint's shader says its file holds sRGB values: they stay as they are, still sRGB.
+    for name, values in (("Normal", linear), ("Interface", linear), ("Tint", linear), ("Base", encoded)):
         pixels = read(authored[name].files[0]).pixels()
         np.testing.assert_allclose(pixels / scale, values, atol=0.6 / scale, err_msg=name)
     spaces = {t["output"].rsplit("/", 1)[1]: t["color_space"] for t in textures}
-    assert spaces[f"base{ext}"] == spaces[f"normal{ext}"] == ("sRGB" if ext == ".png" else "linear")
+    assert (spaces[f"base{ext}"], spaces[f"normal{ext}"]) == ("sRGB" if ext == ".png" else "Linear", "sRGB")
     assert spaces[f"normal.raw{ext}"] == spaces[f"mask{ext}"] == "raw"
     assert [int(re.findall(r"\.(\d{4})\.", f)[-1]) for f in authored["Rough"].files] == list(TILES)
 
