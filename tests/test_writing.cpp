@@ -1,10 +1,6 @@
 // The colour policy by extension and the three writers, proven on real files read back through
 // OpenImageIO's ImageInput, and the calls that would take OpenImageIO 2.4.7's writers down.
 
-#include <cstdio>
-
-#include <jpeglib.h>
-
 #include "test_support.h"
 
 using namespace vorel::test;
@@ -313,31 +309,6 @@ std::string cmykAttributes(const ip::Image& image) {
     return found + "ICCProfile=" + ip::getIccProfileInfo(image).colorSpace;
 }
 
-/// A CMYK JPEG as Photoshop writes one, through libjpeg: two pixels of four inks stored inverted
-/// (255 is no ink), with the profile `icc`.
-void writeCmykJpeg(const fs::path& file, const std::string& icc) {
-    jpeg_compress_struct jpeg{};
-    jpeg_error_mgr errors{};
-    jpeg.err = jpeg_std_error(&errors);
-    jpeg_create_compress(&jpeg);
-    FILE* const out = std::fopen(file.c_str(), "wb");
-    jpeg_stdio_dest(&jpeg, out);
-    jpeg.image_width = 2;
-    jpeg.image_height = 1;
-    jpeg.input_components = 4;
-    jpeg.in_color_space = JCS_CMYK;
-    jpeg_set_defaults(&jpeg);
-    jpeg_set_quality(&jpeg, 100, TRUE);
-    jpeg_start_compress(&jpeg, TRUE);
-    jpeg_write_icc_profile(&jpeg, reinterpret_cast<const JOCTET*>(icc.data()), icc.size());
-    JSAMPLE inks[] = {255, 0, 0, 255, 64, 128, 192, 255};
-    JSAMPROW rows[] = {inks};
-    jpeg_write_scanlines(&jpeg, rows, 1);
-    jpeg_finish_compress(&jpeg);
-    jpeg_destroy_compress(&jpeg);
-    std::fclose(out);
-}
-
 }  // namespace
 
 TEST_F(Writing, IccProfilesSayWhatTheyAreAndNothingOutsideTheirBytesIsRead) {
@@ -348,15 +319,12 @@ TEST_F(Writing, IccProfilesSayWhatTheyAreAndNothingOutsideTheirBytesIsRead) {
         {"too short", iccProfile("RGB ", p3).substr(0, 127)},
         {"v2 desc", iccProfile("RGB ", p3)},
         {"v4 mluc", iccProfile("RGB ", mlucTag(srgb + u'\0', 36))},
-        {"no tags", iccProfile("CMYK", p3, 0)},
         {"Lab, a count of tags beyond the table", iccProfile("Lab ", p3, 0xFFFFFFFF)},
         {"tag past the end", iccProfile("GRAY", p3, 1, 148)},
         {"tag larger than the profile", iccProfile("RGB ", p3, 1, 0, 0xFFFFFFF0)},
-        {"text beyond the tag", iccProfile("RGB ", descTag("Display P3", 12))},
         {"text of 4 GB", iccProfile("RGB ", descTag("Display P3", 0xFFFFFFFF))},
         {"record beyond the tag", iccProfile("RGB ", mlucTag(srgb, 36))},
         {"record at 4 GB", iccProfile("RGB ", mlucTag(srgb, 34, 0xFFFFFFF0))},
-        {"no records", iccProfile("RGB ", mlucTag(srgb, 34, 28, 0))},
         {"not ASCII", iccProfile("RGB ", descTag("Gr\xfcn", 4))},
         {"surrogates, paired and lone",
          iccProfile("RGB ",
@@ -374,8 +342,9 @@ TEST_F(Writing, IccProfilesSayWhatTheyAreAndNothingOutsideTheirBytesIsRead) {
 TEST_F(Writing, ACmykFilesAttributesAreRemovedAndNeverGoIntoATexture) {
     // Read from a CMYK JPEG, the pixels are RGB but the attributes still the file's, and libpng
     // refuses the CMYK profile: once they are removed the same pixels go into a PNG.
-    writeCmykJpeg(temp / "cmyk.jpg", iccProfile("CMYK", descTag("Coated", 6)));
-    const ip::Image asRead = ip::readImage(temp / "cmyk.jpg");
+    // files/cmyk.jpg is one as Photoshop writes them, made with libjpeg: two pixels of four inks
+    // stored inverted (255 is no ink), its ICC profile a CMYK one described as "Coated".
+    const ip::Image asRead = ip::readImage(fs::path(VOREL_TEST_FILES) / "cmyk.jpg");
     ip::Image jpeg = asRead;
     row("CMYK JPEG", describe(jpeg) + " " + cmykAttributes(jpeg));
     row("  to a PNG", ip::writeImage(jpeg, temp / "as-read.png"));

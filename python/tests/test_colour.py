@@ -39,20 +39,17 @@ def icc_profile(space, description):
     return header.ljust(128, b"\0") + struct.pack(">I4sII", 1, b"desc", 144, len(desc)) + desc
 
 
-def source(tmp_path, name, pixels, *attributes, icc=None):
-    """Values of 0-1 written to in/NAME as samples of a type by oiiotool's writers, with no colour
-    tag but the one their reader gives."""
-    array, dtype = pixels
-    raw = tmp_path / f"{name}.npy.exr"
-    assert vip.writeImage(vip.Image.from_array(array), raw)
+def source(tmp_path, name, pixel, *attributes, icc=None):
+    """A file of one `pixel` ("VALUE CHANNELS TYPE", an opaque alpha as the fourth) by oiiotool's
+    writers, with no colour tag but the one its reader gives."""
+    value, channels, dtype = pixel.split()
+    color = ",".join(([value] * 3 + ["1"] * 2)[:int(channels)] if channels != "1" else [value])
     if icc:
         (tmp_path / "p.icc").write_bytes(icc_profile(*icc))
+        attributes += ("--iccread", tmp_path / "p.icc")
     (tmp_path / "in").mkdir(exist_ok=True)
-    command = ["oiiotool", raw, "--eraseattrib", "oiio:ColorSpace", *attributes,
-               *(["--iccread", tmp_path / "p.icc"] if icc else []),
-               "-d", dtype, "-o", tmp_path / "in" / name]
-    subprocess.run(command, check=True, capture_output=True)
-    raw.unlink()
+    subprocess.run(["oiiotool", "--pattern", f"constant:color={color}", "64x64", channels,
+                    *attributes, "-d", dtype, "-o", tmp_path / "in" / name], check=True)
 
 
 def batch(tmp_path, options):
@@ -62,45 +59,38 @@ def batch(tmp_path, options):
     return done, {entry["input"].split("/", 1)[1]: entry for entry in report}
 
 
-def flat(value, channels=3, dtype="float", size=(8, 16)):
-    """One value in every colour channel, an opaque alpha as the fourth."""
-    array = np.full((*size, channels), value, np.float32)
-    array[..., 3:4] = 1
-    return array, dtype
-
-
 CMYK = ("--attrib", "tiff:ColorSpace", "CMYK")  # OpenImageIO writes it as a separated TIFF
-ROWS = [  # options, source name, array, oiiotool attributes, ICC profile, expected fields, sample
-    (".png", "linear_float.tif", flat(0.2), (), None,
+ROWS = [  # options, source name, its pixel, oiiotool attributes, ICC profile, expected fields, sample
+    (".png", "linear_float.tif", "0.2 3 float", (), None,
      {"color_space": "sRGB", "color_space_source": "assumed"}, 124),
-    (".png", "cmyk.tif", flat(0.4, dtype="uint8"), CMYK, ("CMYK", "Coated FOGRA39"),
+    (".png", "cmyk.tif", "0.4 3 uint8", CMYK, ("CMYK", "Coated FOGRA39"),
      {"color_space": "sRGB", "color_space_source": "assumed"}, 102),
-    (".png", "p3.jpg", flat(0.4, dtype="uint8"), (), ("RGB", "Display P3"),
+    (".png", "p3.jpg", "0.4 3 uint8", (), ("RGB", "Display P3"),
      {"color_space_source": "file", "icc_profile": "Display P3"}, 102),
-    (".png", "bright.exr", flat(2.0, 3, "half"), (), None,
+    (".png", "bright.exr", "2 3 half", (), None,
      {"lost": r"values 1\.35\d to 1\.35\d clipped to 0-1"}, 255),
-    (".jpg", "rgba.png", flat(0.4, 4, "uint8"), (), None, {"lost": "alpha"}, 102),
-    (".exr", "srgb_8bit.tif", flat(128 / 255, dtype="uint8"), (), None,
+    (".jpg", "rgba.png", "0.4 4 uint8", (), None, {"lost": "alpha"}, 102),
+    (".exr", "srgb_8bit.tif", "0.502 3 uint8", (), None,
      {"color_space": "linear", "color_space_source": "assumed"}, 0.2158),
-    (".exr", "mask.tif", flat(128 / 255, 1, "uint8"), (), None,
+    (".exr", "mask.tif", "0.502 1 uint8", (), None,
      {"color_space": "raw", "color_space_source": "assumed"}, 0.502),
-    (".exr --assume-color-space linear", "srgb_8bit.tif", flat(128 / 255, dtype="uint8"), (), None,
+    (".exr --assume-color-space linear", "srgb_8bit.tif", "0.502 3 uint8", (), None,
      {"color_space": "linear", "color_space_source": "assumed"}, 0.502),
-    (".tx --texture", "cmyk.tif", flat(0.4, dtype="uint8"), CMYK, ("CMYK", "Coated FOGRA39"),
+    (".tx --texture", "cmyk.tif", "0.4 3 uint8", CMYK, ("CMYK", "Coated FOGRA39"),
      {"color_space": "sRGB"}, 102),
     (".png --assume-color-space squared --color-config cfg.ocio", "linear_float.tif",
-     flat(0.2), (), None, {"color_space": "sRGB", "color_config": "TMP/cfg.ocio"}, 56),
-    (".png --assume-color-space squared", "linear_float.tif", flat(0.2), (), None,
+     "0.2 3 float", (), None, {"color_space": "sRGB", "color_config": "TMP/cfg.ocio"}, 56),
+    (".png --assume-color-space squared", "linear_float.tif", "0.2 3 float", (), None,
      {"status": "failed"}, "no conversion from 'squared' to 'sRGB' for .png with OpenImageIO's "
                            "built-in colour names: colorConvert operation failed:"),
 ]
 
 
-@pytest.mark.parametrize("options, name, array, attributes, icc, fields, sample", ROWS)
-def test_every_source_is_written_in_the_space_its_line_says(tmp_path, options, name, array,
+@pytest.mark.parametrize("options, name, pixel, attributes, icc, fields, sample", ROWS)
+def test_every_source_is_written_in_the_space_its_line_says(tmp_path, options, name, pixel,
                                                            attributes, icc, fields, sample):
     (tmp_path / "cfg.ocio").write_text(CONFIG)
-    source(tmp_path, name, array, *attributes, icc=icc)
+    source(tmp_path, name, pixel, *attributes, icc=icc)
     done, report = batch(tmp_path, "--ext " + options)
     entry = {key: str(value).replace(str(tmp_path), "TMP") for key, value in report[name].items()}
     assert all(re.fullmatch(value, entry.get(key, "")) for key, value in fields.items()), \
@@ -120,7 +110,7 @@ def test_every_source_is_written_in_the_space_its_line_says(tmp_path, options, n
 
 
 def test_colour_options_are_part_of_what_makes_an_output_up_to_date(tmp_path):
-    source(tmp_path, "a.tif", flat(128 / 255, dtype="uint8"))
+    source(tmp_path, "a.tif", "0.502 3 uint8")
     (tmp_path / "cfg.ocio").write_text(CONFIG)
     runs = ["", "", "--assume-color-space sRGB", "--color-config cfg.ocio", "--color-config cfg.ocio"]
     statuses = [batch(tmp_path, f"--ext .tif --update {run}")[1]["a.tif"]["status"] for run in runs]
@@ -131,12 +121,10 @@ def test_colour_options_are_part_of_what_makes_an_output_up_to_date(tmp_path):
 
 
 @pytest.mark.parametrize("damage, reason", [
-    (lambda path: os.truncate(path, os.path.getsize(path) // 2),
-     "Couldn't read back"),
-    (lambda path: None, ""),
-])
+    (lambda path: os.truncate(path, os.path.getsize(path) // 2), "Couldn't read back"),
+    (lambda path: None, "")])
 def test_a_file_that_does_not_read_back_whole_fails(tmp_path, monkeypatch, damage, reason):
-    source(tmp_path, "a.exr", flat(0.5, dtype="half", size=(64, 64)))
+    source(tmp_path, "a.exr", "0.5 3 half")
     written = vip.writeImage
 
     def write_then_damage(image, path, compression=-1):
