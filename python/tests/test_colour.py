@@ -1,5 +1,7 @@
 import json
 import os
+import pathlib
+import shutil
 import re
 import struct
 import subprocess
@@ -42,12 +44,14 @@ def icc_profile(space, description):
 def source(tmp_path, name, pixel, *attributes, icc=None):
     """A file of one `pixel` ("VALUE CHANNELS TYPE", an opaque alpha as the fourth) by oiiotool's
     writers, with no colour tag but the one its reader gives."""
+    (tmp_path / "in").mkdir(exist_ok=True)
+    if pixel in FILES:  # a file of ours
+        return shutil.copy(FILES[pixel], tmp_path / "in" / name)
     value, channels, dtype = pixel.split()
     color = ",".join(([value] * 3 + ["1"] * 2)[:int(channels)] if channels != "1" else [value])
     if icc:
         (tmp_path / "p.icc").write_bytes(icc_profile(*icc))
         attributes += ("--iccread", tmp_path / "p.icc")
-    (tmp_path / "in").mkdir(exist_ok=True)
     subprocess.run(["oiiotool", "--pattern", f"constant:color={color}", "64x64", channels,
                     *attributes, "-d", dtype, "-o", tmp_path / "in" / name], check=True)
 
@@ -59,6 +63,9 @@ def batch(tmp_path, options):
     return done, {entry["input"].split("/", 1)[1]: entry for entry in report}
 
 
+# 16-bit CMYK, planar, as libtiff's test images: OpenImageIO 2.4.7 aborts reading a texture
+# written with its attributes.
+FILES = {"cmyk16": pathlib.Path(__file__).parents[2] / "tests/files/cmyk16-planar.tif"}
 CMYK = ("--attrib", "tiff:ColorSpace", "CMYK")  # OpenImageIO writes it as a separated TIFF
 ROWS = [  # options, source name, its pixel, oiiotool attributes, ICC profile, expected fields, sample
     (".png", "linear_float.tif", "0.2 3 float", (), None,
@@ -76,8 +83,8 @@ ROWS = [  # options, source name, its pixel, oiiotool attributes, ICC profile, e
      {"color_space": "raw", "color_space_source": "assumed"}, 0.502),
     (".exr --assume-color-space linear", "srgb_8bit.tif", "0.502 3 uint8", (), None,
      {"color_space": "linear", "color_space_source": "assumed"}, 0.502),
-    (".tx --texture", "cmyk.tif", "0.4 3 uint8", CMYK, ("CMYK", "Coated FOGRA39"),
-     {"color_space": "sRGB"}, 102),
+    (".tx --texture", "cmyk.tif", "cmyk16", (), None,
+     {"color_space": "sRGB", "color_space_source": "assumed"}, 47186),  # inks make no linear RGB
     (".png --assume-color-space squared --color-config cfg.ocio", "linear_float.tif",
      "0.2 3 float", (), None, {"color_space": "sRGB", "color_config": "TMP/cfg.ocio"}, 56),
     (".png --assume-color-space squared", "linear_float.tif", "0.2 3 float", (), None,
@@ -101,8 +108,8 @@ def test_every_source_is_written_in_the_space_its_line_says(tmp_path, options, n
     assert entry["status"] == "converted", entry
     # Read back in a process of its own: a reader that aborts on the file fails the test only.
     output = report[name]["output"]
-    read = subprocess.run(["oiiotool", "-v", "--info", "--printstats", output],
-                          capture_output=True, text=True, timeout=60)
+    read = subprocess.run(["oiiotool", output, "-v", "--info", "--printstats"],
+                          capture_output=True, text=True, timeout=20)
     assert read.returncode == 0 and '"CMYK"' not in read.stdout, read.stdout + read.stderr
     written = vip.readImage(output).pixels()
     np.testing.assert_allclose(written[0, 0, 0], sample, atol=1.01 if written.dtype == np.uint8

@@ -20,19 +20,21 @@ _EIGHT_BIT = ("uint8", "int8")
 _BUILT_IN = ("linear", "srgb", "rec709")
 
 
-def space_by_rule(channels: int, sample_type: str) -> str:
+def space_by_rule(channels: int, sample_type: str, from_cmyk: bool = False) -> str:
     """The colour space of a source that names none.
 
     8-bit colour is stored sRGB-encoded almost everywhere; 16-bit, half and float colour is what
     renderers and compositors write, linear. One or two channels are masks, roughness, heights:
-    data. This is also OpenUSD's rule for a texture whose source colour space is "auto".
+    data. This is also OpenUSD's rule for a texture whose source colour space is "auto". The RGB
+    that OpenImageIO makes of a CMYK file's inks is display-referred at any depth: sRGB.
     """
     if channels not in (3, 4):
         return DATA
-    return "sRGB" if sample_type in _EIGHT_BIT else "linear"
+    return "sRGB" if sample_type in _EIGHT_BIT or from_cmyk else "linear"
 
 
-def source_space(image: vip.Image, stated: str, usage: str, assumed: str) -> tuple[str, str]:
+def source_space(image: vip.Image, stated: str, usage: str, assumed: str,
+                 from_cmyk: bool = False) -> tuple[str, str]:
     """The colour space of a source as read, and where it came from: `stated` by its asset, data
     by `usage`, the file's tag, else `assumed` (--assume-color-space) or the rule, which alone
     says what one- and two-channel images are."""
@@ -43,7 +45,7 @@ def source_space(image: vip.Image, stated: str, usage: str, assumed: str) -> tup
     tagged = vip.getColorSpace(image)
     if tagged:
         return tagged, "file"
-    by_rule = space_by_rule(vip.getNumChannels(image), str(image.dtype))
+    by_rule = space_by_rule(vip.getNumChannels(image), str(image.dtype), from_cmyk)
     return (assumed if assumed and by_rule != DATA else by_rule), "assumed"
 
 

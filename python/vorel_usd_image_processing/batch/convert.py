@@ -53,9 +53,9 @@ def convert(job: Job, lines: _Lines) -> Result:
     image = vip.readAssetImage(job.source) if is_packaged(job.source) else vip.readImage(job.source)
     if not image:
         return failed(library_reason(lines, "readImage", extension))
-    vip.removeCmykAttributes(image)  # its pixels are RGB now; a CMYK file written of them isn't
+    from_cmyk = vip.removeCmykAttributes(image)  # RGB now: a file written of it must say so
     space, said["color_space_source"] = source_space(image, job.color_space, job.usage,
-                                                     job.assume)
+                                                     job.assume, from_cmyk)
     if space != DATA and (profile := foreign_profile(image)):
         said["icc_profile"] = profile
     if space != vip.getColorSpace(image):
