@@ -75,8 +75,8 @@ ROWS = [  # options, source name, its pixel, oiiotool attributes, ICC profile, e
     (".jpg", "rgba.png", "0.4 4 uint8", (), None, {"lost": "alpha"}, 102),
     (".exr", "srgb_8bit.tif", "0.502 3 uint8", (), None, {"color_space": "linear"}, 0.2158),
     (".exr", "mask.tif", "0.502 1 uint8", (), None, {"color_space": "raw"}, 0.502),
-    (".exr --assume-color-space linear", "srgb_8bit.tif", "0.502 3 uint8", (), None,
-     {"color_space": "linear", "color_space_source": "assumed"}, 0.502),
+    (".exr --assume-color-space linear", "srgb_8bit.tif", "0.502 3 uint8", (), None, {"color_space": "linear"}, 0.502),
+    (".gif", "rgb.png", "0.4 3 uint8", (), None, {"color_space": "sRGB"}, 102),
     (".tx --texture", "cmyk.tif", "cmyk16", (), None,
      {"color_space": "sRGB", "color_space_source": "assumed"}, 47186),  # inks make no linear RGB
     (".png --assume-color-space squared --color-config cfg.ocio", "linear_float.tif",

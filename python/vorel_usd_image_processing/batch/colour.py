@@ -91,9 +91,11 @@ _NO_ALPHA = (".jpg", ".jpeg")  # one grey channel, or three colour channels
 
 def channels_written(count: int, extension: str) -> int:
     """How many channels a file of `extension` holds, written from an image of `count`: a JPEG
-    of grey and alpha is written as RGB."""
+    of grey and alpha is written as RGB, and a GIF reads back as RGBA whatever it was."""
     if extension in _NO_ALPHA:
         return 1 if count == 1 else 3
+    if extension == ".gif":
+        return 4
     return min(count, _CHANNELS_HELD.get(extension, count))
 
 
