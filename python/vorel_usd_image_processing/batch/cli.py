@@ -142,8 +142,8 @@ def parse_args(argv: list[str] | None) -> argparse.Namespace:
     colour = parser.add_argument_group("colour")
     colour.add_argument("--assume-color-space", metavar="NAME",
                         help="the colour space of 3- and 4-channel sources that name none and "
-                             "whose asset states none (default: sRGB for 8-bit samples, linear "
-                             "for others; 1- and 2-channel sources are data)")
+                             "whose asset states none (default: sRGB for 8-bit samples and CMYK "
+                             "files, linear for others; 1- and 2-channel sources are data)")
     colour.add_argument("--color-config", type=pathlib.Path, metavar="FILE",
                         help="the OpenColorIO config whose colour space names sources, "
                              "assumptions and assets may use (default: $OCIO, else "
