@@ -53,8 +53,9 @@ def usage(texture: dict[str, Any], file: str) -> str:
     An authored "raw" or "sRGB" decides; otherwise ("auto") the batch's rule for sources that
     name no colour space says which images are data.
     """
-    if texture["sourceColorSpace"] in ("raw", "sRGB"):
-        return "raw" if texture["sourceColorSpace"] == "raw" else "color"
+    stated = stated_space(texture)
+    if stated:
+        return "raw" if stated == DATA else "color"
     found = vip.readAssetImageFormat(file)
     if found is None:
         return "color"  # the job fails with the reader's own reason

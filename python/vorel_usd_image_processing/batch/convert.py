@@ -115,7 +115,7 @@ def unlike(back: vip.ReadBack, image: vip.Image, meant: str, extension: str) -> 
         return f"the written file reads back with {back.channels} channels, not {channels}"
     tag = tag_read_back(meant, extension)
     if tag is not None and back.colorSpace.lower() != tag:
-        return (f"the written file reads back tagged '{back.colorSpace}', not as {meant}")
+        return f"the written file reads back tagged '{back.colorSpace}', not as {meant}"
     return ""
 
 

@@ -122,8 +122,6 @@ def up_to_date(job: Job) -> Result | None:
             return None
     except OSError:
         return None
-    if "color_space" not in record:  # a record in the file: the file names it
-        record["color_space"] = vip.getFileStringAttribute(job.output, "oiio:ColorSpace")
     if (stat.st_size, stat.st_mtime_ns) != (record.get("size"), record.get("mtime_ns")):
         if stat.st_size != record.get("size") and not PACKAGED.match(job.source):
             return None
@@ -138,4 +136,4 @@ def up_to_date(job: Job) -> Result | None:
             write_sidecar(job.output, {**record, **now})
         except OSError:
             pass  # a read-only output folder: the next run reads the source again
-    return job.result("skipped", "up to date", color_space=record["color_space"])
+    return job.result("skipped", "up to date", color_space=record.get("color_space", ""))
