@@ -210,29 +210,54 @@ def idImageToMask(image: Image) -> None: ...
 # USD assets as a whole: present only in a build against OpenUSD with its scene description
 # libraries, which usdAssetsAvailable says.
 usdAssetsAvailable: bool
+# Whether MaterialX documents are read (a build that found MaterialX).
+materialxAvailable: bool
+
+# The JSON form of the three value types below: their fields by name, as json.dumps takes them.
+_Json = dict[str, Any]
 
 class AssetTexture:
     layer: str
+    document: str
     attribute: str
     assetPath: str
+    shader: str
     sourceColorSpace: str
+    type: str
+    colorSpace: str
     files: list[str]
     def __init__(self) -> None: ...
+    def toJson(self) -> _Json: ...
+    @staticmethod
+    def fromJson(json: _Json) -> AssetTexture: ...
 
 class AssetDependencies:
     error: str
     rootLayer: str
     layers: list[str]
     textures: list[AssetTexture]
+    documents: list[str]
     files: list[str]
     missing: list[str]
     unopened: list[str]
     def __init__(self) -> None: ...
+    def toJson(self) -> _Json: ...
+    @staticmethod
+    def fromJson(json: _Json) -> AssetDependencies: ...
+
+class TextureTarget:
+    path: str
+    sourceColorSpace: str
+    colorSpace: str
+    def __init__(self) -> None: ...
+    def toJson(self) -> _Json: ...
+    @staticmethod
+    def fromJson(json: _Json) -> TextureTarget: ...
 
 def findAssetDependencies(assetPath: str,
                           mayOpen: Callable[[str], bool] | None = ...) -> AssetDependencies: ...
 def writeAsset(dependencies: AssetDependencies, outputs: dict[str, str],
-               targets: Sequence[tuple[str, str] | None],
+               targets: Sequence[TextureTarget | None],
                temporaries: dict[str, str] = ...) -> str: ...
 def listPackage(packagePath: str) -> list[tuple[str, bool]] | None: ...
 def checkAsset(assetPath: str) -> list[str]: ...

@@ -23,14 +23,14 @@ from typing import Any
 import vorel_usd_image_processing as vip
 
 from .child import Converter
-from .colour import DATA, space_by_rule
+from .colour import DATA, from_materialx, space_by_rule, to_materialx
 from .job import Job, Result, Settings, partial_name
 from .paths import NOT_REGULAR, forget_folders, is_regular, lies_under, member_problem
 
 ASSET_EXTENSIONS = (".usd", ".usda", ".usdc", ".usdz")
 PACKAGE_EXTENSIONS = (".png", ".jpg", ".jpeg")  # the textures a .usdz may hold
 PACKAGED = re.compile(r"^(.*?\.usdz)\[(.*)\]$", re.IGNORECASE)  # package, path inside
-_UDIM = "<UDIM>"
+_TILES = ("<UDIM>", "<UVTILE>")  # a set of tiles, converted as the tiles that exist
 
 
 def is_asset(path: str) -> bool:
@@ -50,9 +50,12 @@ def is_packaged(source: str) -> bool:
 def usage(texture: dict[str, Any], file: str) -> str:
     """"raw" for data (never colour-converted), "color" for the colour policy of the target.
 
-    An authored "raw" or "sRGB" decides; otherwise ("auto") the batch's rule for sources that
-    name no colour space says which images are data.
+    A MaterialX image is colour where its type is (it has a colour space then). Otherwise an
+    authored "raw" or "sRGB" decides, else ("auto") the batch's rule for sources that name no
+    colour space says which images are data.
     """
+    if texture["type"]:
+        return "color" if texture["colorSpace"] else "raw"
     stated = stated_space(texture)
     if stated:
         return "raw" if stated == DATA else "color"
@@ -63,7 +66,9 @@ def usage(texture: dict[str, Any], file: str) -> str:
 
 
 def stated_space(texture: dict[str, Any]) -> str:
-    """The colour space an asset states for a texture; '' for "auto"."""
+    """The colour space an asset states for a texture (by the library's name); '' for "auto"."""
+    if texture["type"]:
+        return from_materialx(texture["colorSpace"])
     stated = str(texture["sourceColorSpace"])
     return stated if stated in ("raw", "sRGB") else ""
 
@@ -72,9 +77,10 @@ def stated_space(texture: dict[str, Any]) -> str:
 class Use:
     """One texture use of an asset: the path its shader is to name, and the jobs behind it."""
 
-    target: str  # an output file, or a UDIM pattern of outputs
+    target: str  # an output file, or a pattern of tiles
     usage: str
     outputs: list[str]
+    materialx: bool  # read by a MaterialX node: it names a MaterialX colour space
 
 
 @dataclasses.dataclass
@@ -124,7 +130,7 @@ class Planner:
         return str(place)
 
     def job(self, given: str, source: str, kind: str, place: pathlib.Path, asset: str = "",
-            space: str = "") -> Job:
+            space: str = "", document: str = "") -> Job:
         """The job of `source` used as `kind`, made on its first use under a free name."""
         if (source, kind) in self.jobs:
             return self.jobs[(source, kind)]
@@ -140,15 +146,16 @@ class Planner:
         output = str(next(name for name in itertools.chain(names, numbered)
                           if str(name) not in self.claimed))
         self.claimed[output] = (source, kind)
-        return self.add_job(given, source, kind, output, asset, space)
+        return self.add_job(given, source, kind, output, asset, space, document)
 
     def add_job(self, given: str, source: str, kind: str, output: str, asset: str = "",
-                space: str = "") -> Job:
+                space: str = "", document: str = "") -> Job:
         """The job of `source` used as `kind` (in the colour `space` its asset states), written
         to `output` with the batch's options."""
         job = Job(given, source, output, tuple(self.args.op), self.args.png_compression,
                   self.attributes, self.args.timeout, self.args.texture,
-                  usage="raw" if kind == "raw" else "", asset=asset, version=vip.__version__,
+                  usage="raw" if kind == "raw" else "", asset=asset, document=document,
+                  version=vip.__version__,
                   color_space=space, assume=self.args.assume_color_space or "",
                   color_config=self.args.color_config)
         self.jobs[(source, kind)] = job
@@ -191,7 +198,8 @@ class Planner:
         asset.root_layer = asset.outputs[found["rootLayer"]]
         if not self.args.usdz:
             asset.output = asset.root_layer
-        asset.outputs.update({file: str(self.location(file, folder)) for file in found["files"]})
+        asset.outputs.update({file: str(self.location(file, folder))
+                              for file in found["documents"] + found["files"]})
         asset.uses = [None] * len(found["textures"])
         # Colour first: a file that is also data keeps its own name for its colour use.
         for kind in ("color", "raw"):
@@ -202,21 +210,30 @@ class Planner:
 
     def use(self, texture: dict[str, Any], kind: str, asset: Asset, folder: pathlib.Path) -> Use:
         jobs = [self.job(file, file, kind, self.location(file, folder), asset.input,
-                         stated_space(texture))
+                         stated_space(texture), texture["document"])
                 for file in texture["files"]]
         target = pathlib.Path(jobs[0].output)
-        if _UDIM in texture["assetPath"]:
-            # The first tile's output with its four digits back to <UDIM>: names keep the part
-            # before them.
-            at = len(pathlib.PurePosixPath(texture["assetPath"]).name.split(_UDIM)[0])
-            target = target.with_name(target.name[:at] + _UDIM + target.name[at + 4:])
-        return Use(str(target), kind, [job.output for job in jobs])
+        pattern = pathlib.PurePosixPath(texture["assetPath"]).name
+        for token in (token for token in _TILES if token in pattern):
+            # The first tile's output with its tile back to the token: names keep the part
+            # before it.
+            at = len(pattern.split(token)[0])
+            tile = len(pathlib.PurePosixPath(outer_name(texture["files"][0])).name) \
+                - len(pattern) + len(token)
+            target = target.with_name(target.name[:at] + token + target.name[at + tile:])
+        return Use(str(target), kind, [job.output for job in jobs], bool(texture["type"]))
+
+
+def outer_name(source: str) -> str:
+    """The name of a source where it lies: inside its package, for pkg.usdz[inner]."""
+    packaged = PACKAGED.match(source)
+    return outer_name(packaged[2]) if packaged else source
 
 
 def read_files(found: dict[str, Any]) -> list[str]:
-    """Every file on disk that an asset's walk found it to read: layers, packages, textures and
-    other files."""
-    files = found["layers"] + found["unopened"] + found["files"] + [
+    """Every file on disk that an asset's walk found it to read: layers, packages, documents,
+    textures and other files."""
+    files = found["layers"] + found["unopened"] + found["documents"] + found["files"] + [
         file for texture in found["textures"] for file in texture["files"]]
     return list(dict.fromkeys(outer_file(file) for file in files))
 
@@ -266,7 +283,8 @@ def write_file(output: str, data: bytes | None = None, source: str = "") -> None
 
 
 def copy_dependency(source: str, output: str) -> str:
-    """Copies a file that is not converted (a MaterialX document, ...); a reason on failure."""
+    """Copies a file that is not converted (one that a layer or document names and that is no
+    image); a reason on failure."""
     if not is_regular(outer_file(source)):
         return f"{source}: {NOT_REGULAR}"
     if is_packaged(source):
@@ -295,7 +313,7 @@ def finish(asset: Asset, results: dict[str, Result], steps: Converter,
         return asset.result(asset.error_status, asset.error, started)
     found = asset.dependencies
     problems = [f"missing: {path}" for path in found["missing"]]
-    targets: list[tuple[str, str] | None] = []
+    targets: list[dict[str, str] | None] = []
     for use in asset.uses:
         done = [results.get(output, {"input": output, "status": ""}) for output in use.outputs] \
             if use else []
@@ -305,8 +323,11 @@ def finish(asset: Asset, results: dict[str, Result], steps: Converter,
             problems += [f"not converted: {name}" for name in bad]
             targets.append(None)
             continue
+        colour = use.usage == "color"
         srgb = all(space(result) == "sRGB" for result in done)
-        targets.append((use.target, "sRGB" if use.usage == "color" and srgb else "raw"))
+        targets.append({"path": use.target, "sourceColorSpace": "sRGB" if colour and srgb else "raw",
+                        "colorSpace": to_materialx(space(done[0])) if colour and use.materialx
+                        else ""})
     written = steps.ask({"asset_step": "write", "dependencies": found, "outputs": asset.outputs,
                          "targets": targets, "root": asset.root_layer,
                          "package": asset.output if asset.output != asset.root_layer else ""},
@@ -324,9 +345,7 @@ def step(request: dict[str, Any]) -> dict[str, Any]:
         forget_folders()
         own = request["confine"]
         found = vip.findAssetDependencies(request["source"], lambda layer: may_read(layer, own))
-        walked = {name: getattr(found, name) for name in _FIELDS}
-        walked["textures"] = [{name: getattr(texture, name) for name in _TEXTURE_FIELDS}
-                              for texture in found.textures]
+        walked = found.toJson()
         # One reader of packages, OpenUSD's, for listing as for converting.
         walked["packages"] = {package: vip.listPackage(package)
                               for package in read_files(walked)
@@ -340,26 +359,15 @@ def step(request: dict[str, Any]) -> dict[str, Any]:
     return {"problems": write(request)}
 
 
-_FIELDS = ("error", "rootLayer", "layers", "files", "missing", "unopened")
-_TEXTURE_FIELDS = ("layer", "attribute", "assetPath", "sourceColorSpace", "files")
-
-
 def write(request: dict[str, Any]) -> list[str]:
-    found = vip.AssetDependencies()
-    for name in _FIELDS:
-        setattr(found, name, request["dependencies"][name])
-    textures = []
-    for fields in request["dependencies"]["textures"]:
-        textures.append(vip.AssetTexture())
-        for name in _TEXTURE_FIELDS:
-            setattr(textures[-1], name, fields[name])
-    found.textures = textures
+    found = vip.AssetDependencies.fromJson(request["dependencies"])
     outputs, root, package = request["outputs"], request["root"], request["package"]
     copied = {file: copy_dependency(file, outputs[file]) for file in found.files}
     problems = [problem for problem in copied.values() if problem]
     wrote = [outputs[file] for file, problem in copied.items() if not problem]
-    targets = [(target[0], target[1]) if target else None for target in request["targets"]]
-    temporaries = {layer: partial_name(outputs[layer]) for layer in found.layers}
+    targets = [vip.TextureTarget.fromJson(target) if target else None
+               for target in request["targets"]]
+    temporaries = {layer: partial_name(outputs[layer]) for layer in found.layers + found.documents}
     written = vip.writeAsset(found, outputs, targets, temporaries)
     for layer, temporary in temporaries.items():  # all in place, or none
         if not written and os.path.exists(temporary):

@@ -33,6 +33,21 @@ def space_by_rule(channels: int, sample_type: str, from_cmyk: bool = False) -> s
     return "sRGB" if sample_type in _EIGHT_BIT or from_cmyk else "linear"
 
 
+# MaterialX's names of the two spaces that the library knows by its own names.
+_MATERIALX_NAMES = {"srgb_texture": "sRGB", "lin_rec709": "linear"}
+
+
+def from_materialx(name: str) -> str:
+    """The library's name of a MaterialX colour space; another name goes to OpenColorIO as it is."""
+    return _MATERIALX_NAMES.get(name, name)
+
+
+def to_materialx(space: str) -> str:
+    """The MaterialX name of a written file's colour space."""
+    by_library = {library.lower(): name for name, library in _MATERIALX_NAMES.items()}
+    return by_library.get(space.lower(), space)
+
+
 def source_space(image: vip.Image, stated: str, usage: str, assumed: str,
                  from_cmyk: bool = False) -> tuple[str, str]:
     """The colour space of a source as read, and where it came from: `stated` by its asset, data

@@ -64,6 +64,7 @@ class Job:
     texture: Texture | None = None  # writeImage without
     usage: str = ""  # "raw": data, written without colour conversion; else the colour policy
     asset: str = ""  # the asset input whose texture this is (the first, when several use it)
+    document: str = ""  # the MaterialX document of that asset that names it, if one does
     version: str = ""  # the batch's package version: a converter of another is replaced
     color_space: str = ""  # the space its asset states for it; "" when the file or rule decides
     assume: str = ""  # --assume-color-space: for colour sources that name none
@@ -96,4 +97,6 @@ class Job:
         seconds = round(time.monotonic() - started, 3) if started is not None else 0.0
         result = {"input": self.input, "status": status, "output": self.output, "reason": reason,
                   "color_space": color_space, **said, "seconds": seconds}
+        if self.document:
+            result["document"] = self.document
         return {**result, "asset": self.asset} if self.asset else result

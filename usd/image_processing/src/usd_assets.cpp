@@ -4,6 +4,7 @@
 #include "usd_assets.h"
 
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <set>
@@ -36,6 +37,7 @@
 #include <vorel/base/str_utils.h>
 
 #include "image_reading.h"
+#include "materialx_documents.h"
 
 namespace vorel::usd::assets {
 
@@ -49,6 +51,7 @@ using AssetPathMap = std::function<std::string(const SdfPath& attribute, const s
 const TfToken kFileInput("inputs:file");
 const TfToken kSourceColorSpace("inputs:sourceColorSpace");
 const TfToken kUvTexture("UsdUVTexture");
+const std::string kUvTile = "<UVTILE>";
 
 /// The errors posted since `mark`, one per line, or `fallback` when there are none. They are
 /// cleared: the caller reports them, so OpenUSD doesn't print them again.
@@ -72,6 +75,28 @@ std::string resolve(const SdfLayerHandle& layer, const std::string& path) {
         return UsdShadeUdimUtils::ResolveUdimPath(path, layer);
     }
     return ArGetResolver().Resolve(SdfComputeAssetPathRelativeToLayer(layer, path)).GetPathString();
+}
+
+/// A path written in a MaterialX document, as OpenUSD's resolver anchors it to the document
+/// (inside its package too).
+std::string anchorToDocument(const std::string& document, const std::string& path) {
+    return ArGetResolver().CreateIdentifier(path, ArResolvedPath(document));
+}
+
+/// The tiles of a MaterialX <UVTILE> set that exist (u1_v1 to u10_v10, as UDIM 1001 to 1100).
+std::vector<std::string> resolveUvTiles(const std::string& anchored) {
+    std::vector<std::string> files;
+    const size_t at = anchored.rfind(kUvTile);
+    for (int v = 1; v <= 10; ++v) {
+        for (int u = 1; u <= 10; ++u) {
+            std::string tile = anchored;
+            tile.replace(at, kUvTile.size(), "u" + std::to_string(u) + "_v" + std::to_string(v));
+            if (std::string file = ArGetResolver().Resolve(tile); !file.empty()) {
+                files.push_back(std::move(file));
+            }
+        }
+    }
+    return files;
 }
 
 /// The file name inside a package path (pkg.usdz[textures/a.png] gives textures/a.png).
@@ -172,41 +197,72 @@ void setSourceColorSpace(const SdfLayerHandle& layer, const SdfPath& attribute,
     }
 }
 
-using ColorSpaces = std::map<std::pair<std::string, std::string>, std::string>;
+/// Sets the colorSpace metadata of the attribute spec at `attribute`, where there is a space.
+void setColorSpaceMetadata(const SdfLayerHandle& layer, const SdfPath& attribute,
+                           const std::string& space) {
+    if (const SdfAttributeSpecHandle spec = layer->GetAttributeAtPath(attribute);
+        spec && !space.empty()) {
+        spec->SetColorSpace(TfToken(space));
+    }
+}
 
-/// The sourceColorSpace that the composed stage gives each UsdUVTexture, by every attribute spec
-/// (layer, path) that produces its file: the file input itself, or a material's interface input
-/// connected to it, wherever in the layer stack either is authored.
-ColorSpaces composedColorSpaces(const std::string& assetPath) {
-    ColorSpaces spaces;
+/// What the composed stage says of the shader that reads a file.
+struct ShaderUse {
+    std::string shader;            ///< its id
+    std::string sourceColorSpace;  ///< a UsdUVTexture's
+    std::string type;              ///< a MaterialX node's output type
+    std::string colorSpace;        ///< the colorSpace metadata of a MaterialX colour image's input
+};
+using ShaderUses = std::map<std::pair<std::string, std::string>, ShaderUse>;
+
+/// What the composed stage says of the shader that reads each texture, by every attribute spec
+/// (layer, path) that produces the file: the shader's input itself, or a material's interface
+/// input connected to it, wherever in the layer stack either is authored. A UsdUVTexture's
+/// sourceColorSpace; for a MaterialX node (ND_image_color3, ...) the type of its definition and
+/// the colorSpace of its input, MaterialX's working space where none is named.
+ShaderUses composedShaders(const std::string& assetPath) {
+    ShaderUses uses;
     // The asset's own errors come from opening its layers, before; the stage's are left out.
     const TfErrorMark mark;
     const UsdStageRefPtr stage = UsdStage::Open(assetPath);
     mark.Clear();
     if (!stage) {
-        return spaces;
+        return uses;
     }
     // Into instances too: their shaders are the prototypes' specs.
     for (const UsdPrim& prim : stage->Traverse(UsdTraverseInstanceProxies())) {
         const UsdShadeShader shader(prim);
         TfToken id;
-        if (!prim.IsA<UsdShadeShader>() || !shader.GetShaderId(&id) || id != kUvTexture) {
+        if (!prim.IsA<UsdShadeShader>() || !shader.GetShaderId(&id)) {
             continue;
         }
-        TfToken space;
-        if (const UsdShadeInput input = shader.GetInput(TfToken("sourceColorSpace"))) {
-            input.Get(&space);
+        ShaderUse use{id.GetString(), "", "", ""};
+        if (id == kUvTexture) {
+            TfToken space;
+            if (const UsdShadeInput input = shader.GetInput(TfToken("sourceColorSpace"))) {
+                input.Get(&space);
+            }
+            use.sourceColorSpace = space.GetString();
+        } else {
+            use.type = materialx::nodeDefinitionType(use.shader);
         }
-        const UsdShadeInput file = shader.GetInput(TfToken("file"));
-        for (const UsdAttribute& producer :
-             file ? file.GetValueProducingAttributes() : UsdShadeAttributeVector{}) {
-            for (const SdfPropertySpecHandle& spec : producer.GetPropertyStack()) {
-                spaces.emplace(std::pair(keyOf(spec->GetLayer()), spec->GetPath().GetString()),
-                               space.GetString());
+        for (const UsdShadeInput& input : shader.GetInputs()) {
+            if (input.GetTypeName() != SdfValueTypeNames->Asset) {
+                continue;
+            }
+            const TfToken named = input.GetAttr().GetColorSpace();
+            use.colorSpace = !materialx::isColorType(use.type) ? ""
+                             : named.IsEmpty() ? materialx::kDefaultColorSpace
+                                               : named.GetString();
+            for (const UsdAttribute& producer : input.GetValueProducingAttributes()) {
+                for (const SdfPropertySpecHandle& spec : producer.GetPropertyStack()) {
+                    uses.emplace(std::pair(keyOf(spec->GetLayer()), spec->GetPath().GetString()),
+                                 use);
+                }
             }
         }
     }
-    return spaces;
+    return uses;
 }
 
 /// The files of a texture path: the file it resolves to, or the tiles of a UDIM set that exist.
@@ -220,6 +276,72 @@ std::vector<std::string> resolveFiles(const SdfLayerHandle& layer, const std::st
         files.push_back(std::move(file));
     }
     return files;
+}
+
+bool isDocument(const std::string& path) {
+    return base::strUtils::toLower(TfGetExtension(innermost(path))) == "mtlx";
+}
+
+/// The files of a path written in a document: the file, or the tiles of a set that exist.
+std::vector<std::string> resolveDocumentFiles(const std::string& document, const std::string& path) {
+    const std::string anchored = anchorToDocument(document, path);
+    if (anchored.find(kUvTile) != std::string::npos) {
+        return resolveUvTiles(anchored);
+    }
+    std::vector<std::string> files;
+    if (UsdShadeUdimUtils::IsUdimIdentifier(anchored)) {
+        for (const auto& [file, tile] : UsdShadeUdimUtils::ResolveUdimTilePaths(anchored, {})) {
+            files.push_back(file);
+        }
+    } else if (std::string file = ArGetResolver().Resolve(anchored); !file.empty()) {
+        files.push_back(std::move(file));
+    }
+    return files;
+}
+
+/// Reads the MaterialX documents `documents` and those they include, asking `mayOpen` (when
+/// given) before each: their image inputs become textures, other files dependencies, each path
+/// that resolves to nothing a line of `missing`, naming its document.
+void walkDocuments(std::vector<std::string> documents, const MayOpenLayer& mayOpen,
+                   const std::unordered_set<std::string>& extensions, AssetDependencies& found) {
+    std::set<std::string> seen(documents.begin(), documents.end());
+    for (size_t next = 0; next < documents.size(); ++next) {
+        const std::string document = documents[next];  // a copy: `documents` grows below
+        if (mayOpen && !mayOpen(document)) {
+            found.unopened.push_back(document);
+            continue;
+        }
+        found.documents.push_back(document);
+        const std::optional<std::string> text = readAssetBytes(document);
+        const materialx::Document read =
+            text ? materialx::readDocument(*text)
+                 : materialx::Document{"OpenUSD's resolver can't open it", {}, {}};
+        if (!read.error.empty()) {
+            found.error += (found.error.empty() ? "" : "\n") + document + ": " + read.error;
+            continue;
+        }
+        for (const std::string& href : read.includes) {
+            const std::string included = ArGetResolver().Resolve(anchorToDocument(document, href));
+            if (included.empty()) {
+                found.missing.push_back(href + " (included by " + document + ")");
+            } else if (seen.insert(included).second) {
+                documents.push_back(included);
+            }
+        }
+        for (const materialx::DocumentInput& input : read.inputs) {
+            std::vector<std::string> files = resolveDocumentFiles(document, input.resolved);
+            if (files.empty()) {
+                found.missing.push_back(input.resolved + " (input " + input.namePath + " in " +
+                                        document + ")");
+            }
+            if (!namesImage(input.resolved, extensions)) {
+                found.files.insert(found.files.end(), files.begin(), files.end());
+                continue;
+            }
+            found.textures.push_back({"", document, input.namePath, input.resolved, "", "",
+                                      input.type, input.colorSpace, std::move(files)});
+        }
+    }
 }
 
 /// `target` as an asset path written in a layer in `folder`: relative where it can be.
@@ -249,12 +371,56 @@ std::pair<std::vector<SdfLayerRefPtr>, std::vector<std::string>> openComposedLay
             }
             if (!mayOpen(resolved)) {
                 refused.push_back(resolved);
+            } else if (isDocument(resolved)) {
+                continue;  // read by MaterialX, once the layers are known
             } else if (const SdfLayerRefPtr composed = SdfLayer::FindOrOpen(resolved)) {
                 opened.push_back(composed);
             }
         }
     }
     return {opened, refused};
+}
+
+/// Writes `document` as it is to lie at `outputs[document]` (or its temporary), its inputs
+/// pointing at their textures' targets, its includes and other files at their outputs, the rest
+/// where it lies now; a reason on failure.
+std::string writeDocument(const AssetDependencies& dependencies, const std::string& document,
+                          const std::map<std::string, std::string>& outputs,
+                          const std::vector<std::optional<TextureTarget>>& targets,
+                          const std::map<std::string, std::string>& temporaries) {
+    const auto output = outputs.find(document);
+    const std::optional<std::string> text = readAssetBytes(document);
+    if (output == outputs.end() || !text) {
+        return "OpenUSD's resolver can't open " + document + " again";
+    }
+    const std::filesystem::path folder = std::filesystem::path(output->second).parent_path();
+    std::map<std::string, materialx::InputTarget> inputs;
+    for (size_t i = 0; i < dependencies.textures.size() && i < targets.size(); ++i) {
+        const AssetTexture& texture = dependencies.textures[i];
+        if (texture.document == document && targets[i]) {
+            inputs[texture.attribute] = {relativeAssetPath(targets[i]->path, folder),
+                                         targets[i]->colorSpace};
+        }
+    }
+    const auto moved = [&](const std::string& path) {
+        const std::string resolved = ArGetResolver().Resolve(anchorToDocument(document, path));
+        const auto copied = outputs.find(resolved);
+        return copied != outputs.end() ? relativeAssetPath(copied->second, folder)
+               : resolved.empty()      ? path
+                                       : resolved;
+    };
+    std::string failure;
+    const std::string written = materialx::writeDocument(*text, inputs, moved, moved, failure);
+    if (!failure.empty()) {
+        return "MaterialX couldn't write " + document + " again: " + failure;
+    }
+    const auto temporary = temporaries.find(document);
+    const std::string& path = temporary == temporaries.end() ? output->second : temporary->second;
+    std::filesystem::create_directories(folder);
+    std::ofstream file(path, std::ios::binary);
+    file << written;
+    file.close();
+    return file ? "" : "couldn't write " + path;
 }
 
 }  // namespace
@@ -290,13 +456,35 @@ AssetDependencies findAssetDependencies(const std::string& assetPath, const MayO
     }
     found.rootLayer = keyOf(root);
     found.layers.push_back(found.rootLayer);
-    const ColorSpaces composed = composedColorSpaces(assetPath);
+    const ShaderUses composed = composedShaders(assetPath);
     const std::unordered_set<std::string> extensions = imageExtensions();
+    // MaterialX documents, whether OpenUSD opened them as layers (usdMtlx) or lists them as
+    // files: read by MaterialX, never walked or written as layers.
+    std::vector<std::string> documents;
+    for (const SdfLayerRefPtr& layer : layers) {
+        if (isDocument(keyOf(layer))) {
+            documents.push_back(keyOf(layer));
+        }
+    }
+    std::copy_if(assets.begin(), assets.end(), std::back_inserter(documents), isDocument);
+    walkDocuments(documents, mayOpen, extensions, found);
     std::set<std::tuple<std::string, std::string, std::string>> seen;
-    std::set<std::string> textureFiles;
+    std::set<std::string> textureFiles(found.documents.begin(), found.documents.end());
+    for (const AssetTexture& texture : found.textures) {
+        textureFiles.insert(texture.files.begin(), texture.files.end());
+    }
+    textureFiles.insert(found.files.begin(), found.files.end());
     std::set<std::string> missing;
+    for (const AssetTexture& texture : found.textures) {
+        if (texture.files.empty()) {  // as OpenUSD lists it when it reads the document itself
+            missing.insert(anchorToDocument(texture.document, texture.assetPath));
+        }
+    }
     for (const SdfLayerRefPtr& layer : layers) {
         const std::string layerKey = keyOf(layer);
+        if (isDocument(layerKey)) {
+            continue;
+        }
         if (layerKey != found.rootLayer) {
             found.layers.push_back(layerKey);
         }
@@ -306,12 +494,16 @@ AssetDependencies findAssetDependencies(const std::string& assetPath, const MayO
                 if (namesImage(path, extensions) &&
                     seen.emplace(layerKey, attribute.GetString(), path).second) {
                     // What the composed stage says wins; a shader it doesn't reach (a variant
-                    // not selected) says it beside the file.
-                    const auto space = composed.find({layerKey, attribute.GetString()});
-                    AssetTexture texture{layerKey, attribute.GetString(), path,
-                                         space != composed.end() && !space->second.empty()
-                                             ? space->second
-                                             : sourceColorSpaceBeside(layer, attribute),
+                    // not selected) says its sourceColorSpace beside the file.
+                    const auto composedUse = composed.find({layerKey, attribute.GetString()});
+                    ShaderUse use = composedUse != composed.end() ? composedUse->second
+                                                                  : ShaderUse{};
+                    if (use.sourceColorSpace.empty() && use.type.empty()) {
+                        use.sourceColorSpace = sourceColorSpaceBeside(layer, attribute);
+                    }
+                    AssetTexture texture{layerKey,         "",       attribute.GetString(),
+                                         path,             use.shader, use.sourceColorSpace,
+                                         use.type,         use.colorSpace,
                                          resolveFiles(layer, path)};
                     if (texture.files.empty()) {
                         found.missing.push_back(path + " (in " + layerKey + ")");
@@ -362,7 +554,10 @@ std::string writeAsset(const AssetDependencies& dependencies,
                 const std::string path = relativeAssetPath(targets[i]->path, folder);
                 textureUses[{texture.attribute, texture.assetPath}] = path;
                 rewritten.insert(path);
-                if (SdfPath(texture.attribute).GetNameToken() == kFileInput) {
+                if (!texture.type.empty()) {  // a MaterialX node: no sourceColorSpace of its own
+                    setColorSpaceMetadata(copy, SdfPath(texture.attribute),
+                                          targets[i]->colorSpace);
+                } else if (SdfPath(texture.attribute).GetNameToken() == kFileInput) {
                     setSourceColorSpace(copy, SdfPath(texture.attribute),
                                         targets[i]->sourceColorSpace);
                 }
@@ -396,6 +591,13 @@ std::string writeAsset(const AssetDependencies& dependencies,
             return errorText(mark, "OpenUSD couldn't write " + written);
         }
     }
+    for (const std::string& document : dependencies.documents) {
+        if (std::string failure = writeDocument(dependencies, document, outputs, targets,
+                                                temporaries);
+            !failure.empty()) {
+            return failure;
+        }
+    }
     return mark.IsClean() ? "" : errorText(mark, "");
 }
 
@@ -413,8 +615,32 @@ std::vector<std::string> checkAsset(const std::string& assetPath) {
     if (!mark.IsClean()) {
         problems.push_back(errorText(mark, ""));
     }
-    for (const std::string& path : unresolved) {
+    // The documents by MaterialX's own resolution, whether OpenUSD read them or not.
+    std::vector<std::string> documents;
+    for (const SdfLayerRefPtr& layer : layers) {
+        if (isDocument(keyOf(layer))) {
+            documents.push_back(keyOf(layer));
+        }
+    }
+    std::copy_if(assets.begin(), assets.end(), std::back_inserter(documents), isDocument);
+    AssetDependencies inDocuments;
+    walkDocuments(documents, {}, imageExtensions(), inDocuments);
+    if (!inDocuments.error.empty()) {
+        problems.push_back(inDocuments.error);
+    }
+    std::set<std::string> reported;
+    for (const std::string& path : inDocuments.missing) {
         problems.push_back(path + " resolves to nothing");
+    }
+    for (const AssetTexture& texture : inDocuments.textures) {
+        if (texture.files.empty()) {
+            reported.insert(anchorToDocument(texture.document, texture.assetPath));
+        }
+    }
+    for (const std::string& path : unresolved) {
+        if (reported.count(path) == 0) {
+            problems.push_back(path + " resolves to nothing");
+        }
     }
     return problems;
 }

@@ -16,14 +16,23 @@
 
 namespace vorel::usd::assets {
 
-/// One texture as one attribute of one layer names it.
+/// One texture as one attribute of one layer, or one input of one MaterialX document, names it.
 struct AssetTexture {
-    std::string layer;      ///< the layer's resolved path (pkg.usdz[inner] in a package)
-    std::string attribute;  ///< the attribute spec's path in that layer
-    std::string assetPath;  ///< as authored; a UDIM set keeps its "<UDIM>"
+    std::string layer;     ///< the layer's resolved path (pkg.usdz[inner] in a package); "" in a
+                           ///< document
+    std::string document;  ///< the MaterialX document's resolved path; "" in a layer
+    std::string attribute;  ///< the attribute spec's path in the layer; the input's name path in
+                            ///< the document
+    std::string assetPath;  ///< as authored (in a document: with MaterialX's fileprefix and
+                            ///< [token]s applied); a tiled set keeps its "<UDIM>" or "<UVTILE>"
+    std::string shader;     ///< the id of the layer's shader that reads it ("UsdUVTexture", ...)
     std::string
         sourceColorSpace;  ///< authored beside it on the shader: "raw", "sRGB", "auto" or ""
-    std::vector<std::string> files;  ///< resolved: the file, or the tiles of a UDIM set that exist
+    std::string type;  ///< the output type of the MaterialX node that reads it ("color3", "float",
+                       ///< ...); "" for other shaders
+    std::string colorSpace;  ///< a MaterialX colour image's colour space ("lin_rec709" where none
+                             ///< is named); "" for data and other shaders
+    std::vector<std::string> files;  ///< resolved: the file, or the tiles of a set that exist
 };
 
 /// Everything an asset depends on, through sublayers, references, payloads, variants and clips.
@@ -32,10 +41,11 @@ struct AssetDependencies {
     std::string rootLayer;            ///< resolved
     std::vector<std::string> layers;  ///< resolved, the root layer first
     std::vector<AssetTexture> textures;
-    std::vector<std::string> files;    ///< other dependencies (MaterialX documents, ...), resolved
+    std::vector<std::string> documents;  ///< MaterialX documents (with their includes), resolved
+    std::vector<std::string> files;      ///< other dependencies, resolved
     std::vector<std::string> missing;  ///< "PATH (in LAYER)" for each path that resolves to nothing
-    /// Layers that the asset composes (sublayers, references, payloads) but that the caller's
-    /// `mayOpen` refused: when there are any, nothing past the layers opened so far is looked at.
+    /// Layers and documents that the asset composes (sublayers, references, payloads, includes)
+    /// but that the caller's `mayOpen` refused: when there are any, nothing past the layers opened so far is looked at.
     std::vector<std::string> unopened;
 };
 
@@ -43,11 +53,13 @@ struct AssetDependencies {
 /// or a file it doesn't own); the rule is the caller's.
 using MayOpenLayer = std::function<bool(const std::string& resolvedPath)>;
 
-/// A texture's new file, relative to nothing (an absolute path or a UDIM pattern), and the
-/// sourceColorSpace that its shader is to say for it.
+/// A texture's new file, relative to nothing (an absolute path or a tile pattern), and what its
+/// shader is to say of its colour: a UsdUVTexture's sourceColorSpace, a MaterialX image's colour
+/// space (in a document, or as the colorSpace of an inline shader's attribute).
 struct TextureTarget {
     std::string path;
     std::string sourceColorSpace;
+    std::string colorSpace;
 };
 
 /// The asset at `assetPath` and all it depends on; `error` says why it doesn't open. With
@@ -56,10 +68,11 @@ struct TextureTarget {
 AssetDependencies findAssetDependencies(const std::string& assetPath,
                                         const MayOpenLayer& mayOpen = {});
 
-/// Writes every layer of `dependencies` as it is to lie at `outputs[layer]`, its asset paths
-/// rewritten: each texture i with a target to `targets[i]` (relative to the written layer), other
-/// dependencies found in `outputs` to their outputs, the rest to where they resolve now. A layer
-/// with an entry in `temporaries` is exported there instead, for the caller to rename into place.
+/// Writes every layer and document of `dependencies` as it is to lie at `outputs[path]`, its
+/// asset paths rewritten: each texture i with a target to `targets[i]` (relative to the written
+/// file), other dependencies found in `outputs` to their outputs, the rest to where they resolve
+/// now. One with an entry in `temporaries` is written there instead, for the caller to rename
+/// into place.
 /// Returns OpenUSD's reason on failure, else an empty string.
 std::string writeAsset(const AssetDependencies& dependencies,
                        const std::map<std::string, std::string>& outputs,
@@ -77,7 +90,8 @@ struct PackageMember {
 std::optional<std::vector<PackageMember>> listPackage(const std::string& packagePath);
 
 /// What is wrong with a written asset: empty when UsdStage::Open opens it and every asset path of
-/// it resolves; otherwise OpenUSD's reason or one line per path that resolves to nothing.
+/// it resolves, in its MaterialX documents too; otherwise OpenUSD's or MaterialX's reason or one
+/// line per path that resolves to nothing.
 std::vector<std::string> checkAsset(const std::string& assetPath);
 
 /// Packages the asset whose root layer is `rootLayer`, and what it depends on, into `usdzPath`
