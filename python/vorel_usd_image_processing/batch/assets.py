@@ -106,7 +106,9 @@ class Planner:
     def __init__(self, args: argparse.Namespace, attributes: tuple[tuple[str, int], ...]) -> None:
         self.args, self.attributes = args, attributes
         self.settings = Settings(attributes, vip.__version__, args.color_config)
-        self.jobs: dict[tuple[str, str], Job] = {}  # (source, usage) → its job
+        # (source, usage, the space its asset states) → its job: a file that two documents or
+        # shaders say different things of is converted for each
+        self.jobs: dict[tuple[str, str, str], Job] = {}
         self.claimed: dict[str, tuple[str, str]] = {}  # output → (source, usage)
         self.failed: list[Result] = []  # inputs that fail before anything runs
         self.steps = Converter()  # OpenUSD on strangers' assets, in a process of its own
@@ -132,8 +134,8 @@ class Planner:
     def job(self, given: str, source: str, kind: str, place: pathlib.Path, asset: str = "",
             space: str = "", document: str = "") -> Job:
         """The job of `source` used as `kind`, made on its first use under a free name."""
-        if (source, kind) in self.jobs:
-            return self.jobs[(source, kind)]
+        if (source, kind, space) in self.jobs:
+            return self.jobs[(source, kind, space)]
         ext = self.args.ext
         base = place.with_suffix(ext)
         from_ext = place.suffix.lstrip(".").lower()
@@ -158,7 +160,7 @@ class Planner:
                   version=vip.__version__,
                   color_space=space, assume=self.args.assume_color_space or "",
                   color_config=self.args.color_config)
-        self.jobs[(source, kind)] = job
+        self.jobs[(source, kind, space)] = job
         return job
 
     def file(self, given: str, folder: pathlib.Path) -> None:
@@ -209,8 +211,9 @@ class Planner:
         return asset
 
     def use(self, texture: dict[str, Any], kind: str, asset: Asset, folder: pathlib.Path) -> Use:
-        jobs = [self.job(file, file, kind, self.location(file, folder), asset.input,
-                         stated_space(texture), texture["document"])
+        space = stated_space(texture) if kind == "color" else DATA  # data, whoever says so
+        jobs = [self.job(file, file, kind, self.location(file, folder), asset.input, space,
+                         texture["document"])
                 for file in texture["files"]]
         target = pathlib.Path(jobs[0].output)
         pattern = pathlib.PurePosixPath(texture["assetPath"]).name

@@ -9,11 +9,14 @@ from __future__ import annotations
 
 import functools
 import hashlib
+import pathlib
+
+import numpy
 
 import vorel_usd_image_processing as vip
 
 DATA = "raw"  # the tag of data: never colour-converted
-RULE_VERSION = 1  # of `space_by_rule`; --update redoes outputs made under another
+RULE_VERSION = 2  # of `space_by_rule` and `widened`; --update redoes outputs made under another
 
 _EIGHT_BIT = ("uint8", "int8")
 # OpenImageIO's own names, which mean the same under any config (measured under ACES configs).
@@ -70,12 +73,27 @@ def convert_for(image: vip.Image, target: str, output: str) -> vip.Image:
     knows goes through "linear" first: OpenImageIO 2.4.7 converts between a config's space and
     its own "sRGB" only when the config names both."""
     space = vip.getColorSpace(image)
+    if target == "linear" and space != target and image.dtype == numpy.uint8:
+        image = widened(image, pathlib.Path(output).suffix.lower())
     if target and space != target and space.lower() not in _BUILT_IN:
         image = vip.colorConvert(image, space, "linear")
         if not image:
             return image
     vip.colorConvertByFormat(image, output)
     return image
+
+
+def widened(image: vip.Image, extension: str) -> vip.Image:
+    """An 8-bit image with wider samples, its metadata kept: 8 bits hold sRGB-encoded colour
+    well and linear colour badly (its darks fall into a few steps), so an 8-bit source goes to
+    float before it is converted to linear: what OpenEXR stores anyway, 16 bits for a TIFF."""
+    pixels = image.pixels().astype(numpy.float32) / 255
+    if extension in (".tif", ".tiff"):
+        pixels = numpy.rint(pixels * 65535).astype(numpy.uint16)
+    wide = vip.Image.from_array(numpy.ascontiguousarray(pixels))
+    vip.addMetadataToImage(wide, vip.getMetadataFromImage(image))
+    vip.setColorSpace(wide, vip.getColorSpace(image))
+    return wide
 
 
 def foreign_profile(image: vip.Image) -> str:

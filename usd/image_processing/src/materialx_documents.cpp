@@ -78,8 +78,12 @@ std::vector<mx::InputPtr> filenameInputs(const mx::DocumentPtr& document) {
 const mx::DocumentPtr& standardLibraries() {
     static const mx::DocumentPtr libraries = [] {
         const mx::DocumentPtr loaded = mx::createDocument();
+        // The "libraries" folder of the MaterialX this was built with; $MATERIALX_SEARCH_PATH
+        // may name folders that hold another.
+        mx::FileSearchPath roots = mx::getEnvironmentPath();
+        roots.append(mx::FilePath(VOREL_MATERIALX_STDLIB_DIR).getParentPath());
         try {
-            mx::loadLibraries({"libraries"}, mx::getDefaultDataSearchPath(), loaded);
+            mx::loadLibraries({"libraries"}, roots, loaded);
         } catch (const std::exception&) {
             // Without them no node definition is known: inline shaders read as unknown nodes.
         }
