@@ -73,7 +73,7 @@ ROWS = [  # options, source name, its pixel, oiiotool attributes, ICC profile, e
     (".png", "p3.jpg", "0.4 3 uint8", (), ("RGB", "Display P3"), {"icc_profile": "Display P3"}, 102),
     (".png", "bright.exr", "2 3 half", (), None, {"lost": r"values 1\.35\d to 1\.35\d clipped to 0-1"}, 255),
     (".jpg", "rgba.png", "0.4 4 uint8", (), None, {"lost": "alpha"}, 102),
-    (".exr", "srgb_8bit.tif", "0.502 3 uint8", (), None, {"color_space": "linear"}, 0.2158),
+    (".exr", "srgb_8bit.tif", "0.0314 3 uint8", (), None, {"color_space": "linear"}, 0.002428),  # 8 of 255: not in 8-bit steps
     (".exr", "mask.tif", "0.502 1 uint8", (), None, {"color_space": "raw"}, 0.502),
     (".exr --assume-color-space linear", "srgb_8bit.tif", "0.502 3 uint8", (), None, {"color_space": "linear"}, 0.502),
     (".gif", "rgb.png", "0.4 3 uint8", (), None, {"color_space": "sRGB"}, 102),
