@@ -1,6 +1,7 @@
 """USD assets whose materials are MaterialX documents or MaterialX shaders in layers, written here."""
 import json
 import subprocess
+import zipfile
 
 import numpy as np
 import pytest
@@ -67,12 +68,19 @@ def make_asset(folder, rough="rough.png", space='colorSpace = "srgb_texture"'):
     (folder / "inline.usda").write_text(INLINE.format(space=space))
 
 
-def run(folder, options):
-    done = subprocess.run(BATCH + f"in/asset.usda in/inline.usda -o out -q {options}".split(),
-                          cwd=folder, **CAPTURED)
+def run(folder, options, inputs="in/asset.usda in/inline.usda"):
+    done = subprocess.run(BATCH + f"{inputs} -o out -q {options}".split(), cwd=folder, **CAPTURED)
     lines = [json.loads(line) for line in (folder / "out/batch-report.jsonl").open()]
-    return done.returncode, {(e["input"].rsplit("/", 1)[1], e.get("document", "")[-9:]): e
-                             for e in lines}
+    return done.returncode, {(e["input"].rsplit("/", 1)[1].rstrip("]"),
+                              e.get("document", "").rstrip("]")[-9:]): e for e in lines}
+
+
+def packaged(folder):
+    """The asset as a .usdz of its layer, documents and textures, stored as OpenUSD stores them."""
+    with zipfile.ZipFile(folder / "asset.usdz", "w", zipfile.ZIP_STORED) as archive:
+        for path in [folder / "asset.usda", *sorted((folder / "materials").rglob("*.*"))]:
+            archive.write(path, path.relative_to(folder).as_posix())
+    return "in/asset.usdz in/inline.usda"
 
 
 def srgb_to_linear(values):
@@ -80,14 +88,16 @@ def srgb_to_linear(values):
     return np.where(values > 0.04045, ((values + 0.055) / 1.055) ** 2.4, values / 12.92)
 
 
-@pytest.mark.parametrize("options, ext, base_space", [
-    ("--ext .exr", ".exr", "lin_rec709"),  # an sRGB JPEG as a linear EXR
-    ("--ext .tx --texture", ".tx", "srgb_texture"),  # the encoding kept
+@pytest.mark.parametrize("options, ext, base_space, package", [
+    ("--ext .exr", ".exr", "lin_rec709", False),  # an sRGB JPEG as a linear EXR
+    ("--ext .tx --texture", ".tx", "srgb_texture", False),  # the encoding kept
+    ("--ext .exr", ".exr", "lin_rec709", True),  # documents and textures read inside a package
 ])
 def test_every_texture_of_a_document_converts_and_the_written_document_points_at_it(
-        tmp_path, options, ext, base_space):
+        tmp_path, options, ext, base_space, package):
     make_asset(tmp_path / "in")
-    code, report = run(tmp_path, options)
+    code, report = run(tmp_path, options, *[packaged(tmp_path / "in")] * package)
+    out = tmp_path / ("out/asset" if package else "out")
     assert code == 0, report
     assert {key: (e["status"], e["color_space"]) for key, e in report.items()
             if key[1]} == {("oak_base.jpg", "wood.mtlx"): ("converted", "linear" if ext == ".exr" else "sRGB"),
@@ -95,8 +105,9 @@ def test_every_texture_of_a_document_converts_and_the_written_document_points_at
                            ("normal.1001.png", "wood.mtlx"): ("converted", "raw"),
                            ("normal.1002.png", "wood.mtlx"): ("converted", "raw"),
                            ("stamp.png", "defs.mtlx"): ("converted", "linear")}  # MaterialX's default
-    assert report[("asset.usda", "")]["status"] == report[("inline.usda", "")]["status"] == "converted"
-    root = tmp_path / "out/asset.usda"
+    assert report[("asset.usdz" if package else "asset.usda", "")]["status"] == "converted"
+    assert report[("inline.usda", "")]["status"] == "converted"
+    root = out / "asset.usda"
     assert vip.checkAsset(str(root)) == []
     written = {t.attribute: t for t in vip.findAssetDependencies(str(root)).textures}
     assert {name: (t.assetPath, t.type, t.colorSpace, len(t.files)) for name, t in written.items()} == {
@@ -104,7 +115,7 @@ def test_every_texture_of_a_document_converts_and_the_written_document_points_at
         "NG_wood/rough/file": (f"./textures/rough{ext}", "float", "", 1),
         "NG_wood/normal/file": (f"./textures/normal.<UDIM>{ext}", "vector3", "", 2),
         "ND_stamp/file": (f"./textures/stamp{ext}", "color3", "lin_rec709", 1)}
-    text = (tmp_path / "out/materials/wood.mtlx").read_text()
+    text = (out / "materials/wood.mtlx").read_text()
     assert "fileprefix" not in text and '<xi:include href="./lib/defs.mtlx" />' in text
     base = vip.readImage(written["NG_wood/base/file"].files[0]).pixels()
     source = vip.readImage(tmp_path / "in/materials/textures/oak_base.jpg").pixels().astype(float)

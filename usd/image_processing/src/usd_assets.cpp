@@ -77,9 +77,17 @@ std::string resolve(const SdfLayerHandle& layer, const std::string& path) {
     return ArGetResolver().Resolve(SdfComputeAssetPathRelativeToLayer(layer, path)).GetPathString();
 }
 
-/// A path written in a MaterialX document, as OpenUSD's resolver anchors it to the document
-/// (inside its package too).
+/// A path written in a MaterialX document, anchored to the document as OpenUSD anchors a layer's
+/// asset paths: inside its package, for a document in a .usdz.
 std::string anchorToDocument(const std::string& document, const std::string& path) {
+    if (ArIsPackageRelativePath(document) && TfIsRelativePath(path)) {
+        const auto [package, inner] = ArSplitPackageRelativePathOuter(document);
+        const std::string folder = TfGetPathName(inner);
+        return ArJoinPackageRelativePath(
+            package, ArIsPackageRelativePath(inner) ? anchorToDocument(inner, path)
+                                                    : TfNormPath(folder.empty() ? path
+                                                                                : folder + path));
+    }
     return ArGetResolver().CreateIdentifier(path, ArResolvedPath(document));
 }
 
@@ -462,7 +470,7 @@ AssetDependencies findAssetDependencies(const std::string& assetPath, const MayO
     // files: read by MaterialX, never walked or written as layers.
     std::vector<std::string> documents;
     for (const SdfLayerRefPtr& layer : layers) {
-        if (isDocument(keyOf(layer))) {
+        if (layer && isDocument(keyOf(layer))) {
             documents.push_back(keyOf(layer));
         }
     }
@@ -481,10 +489,10 @@ AssetDependencies findAssetDependencies(const std::string& assetPath, const MayO
         }
     }
     for (const SdfLayerRefPtr& layer : layers) {
-        const std::string layerKey = keyOf(layer);
-        if (isDocument(layerKey)) {
+        if (!layer || isDocument(keyOf(layer))) {
             continue;
         }
+        const std::string layerKey = keyOf(layer);
         if (layerKey != found.rootLayer) {
             found.layers.push_back(layerKey);
         }
@@ -618,7 +626,7 @@ std::vector<std::string> checkAsset(const std::string& assetPath) {
     // The documents by MaterialX's own resolution, whether OpenUSD read them or not.
     std::vector<std::string> documents;
     for (const SdfLayerRefPtr& layer : layers) {
-        if (isDocument(keyOf(layer))) {
+        if (layer && isDocument(keyOf(layer))) {
             documents.push_back(keyOf(layer));
         }
     }
