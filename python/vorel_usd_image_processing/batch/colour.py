@@ -85,11 +85,14 @@ def convert_for(image: vip.Image, target: str, output: str) -> vip.Image:
 
 def widened(image: vip.Image, extension: str) -> vip.Image:
     """An 8-bit image with wider samples, its metadata kept: 8 bits hold sRGB-encoded colour
-    well and linear colour badly (its darks fall into a few steps), so an 8-bit source goes to
-    float before it is converted to linear: what OpenEXR stores anyway, 16 bits for a TIFF."""
+    well and linear colour badly (its darks fall into a few steps), so an 8-bit source is widened
+    before it is converted to linear: to half, what OpenEXR stores of 8 bits anyway, and to 16
+    bits for a TIFF."""
     pixels = image.pixels().astype(numpy.float32) / 255
     if extension in (".tif", ".tiff"):
         pixels = numpy.rint(pixels * 65535).astype(numpy.uint16)
+    else:
+        pixels = pixels.astype(numpy.float16)
     wide = vip.Image.from_array(numpy.ascontiguousarray(pixels))
     vip.addMetadataToImage(wide, vip.getMetadataFromImage(image))
     vip.setColorSpace(wide, vip.getColorSpace(image))
