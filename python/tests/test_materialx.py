@@ -1,5 +1,6 @@
 """USD assets whose materials are MaterialX documents or MaterialX shaders in layers, written here."""
 import json
+import os
 import subprocess
 import zipfile
 
@@ -141,3 +142,14 @@ def test_a_texture_that_is_missing_or_cannot_be_converted_fails_its_asset_by_nam
     code, report = run(tmp_path, "--ext .exr")
     failed = " ".join(e["reason"] for e in report.values() if e["status"] == "failed")
     assert code == 1 and reason in failed.replace(str(tmp_path), "TMP")
+
+
+def test_a_document_that_includes_a_fifo_fails_its_asset_before_anything_reads_it(tmp_path):
+    make_asset(tmp_path / "in")
+    os.mkfifo(tmp_path / "in/materials/lib/pipe.mtlx")  # read, it would block for good
+    defs = tmp_path / "in/materials/lib/defs.mtlx"
+    defs.write_text(defs.read_text().replace("<nodedef", '<xi:include href="pipe.mtlx" />\n  <nodedef'))
+    code, report = run(tmp_path, "--ext .png --timeout 60", "in/asset.usda")
+    assert code == 1 and report[("asset.usda", "")]["reason"] == \
+        f"{tmp_path}/in/materials/lib/pipe.mtlx: not a regular file"
+    assert sorted(p.name for p in (tmp_path / "out").iterdir()) == [".batch.lock", "batch-report.jsonl"]

@@ -57,8 +57,11 @@ const std::string kUvTile = "<UVTILE>";
 /// cleared: the caller reports them, so OpenUSD doesn't print them again.
 std::string errorText(const TfErrorMark& mark, const std::string& fallback) {
     std::string text;
+    std::set<std::string> said;  // OpenUSD may post the same error for each time it opens a file
     for (auto error = mark.GetBegin(); error != mark.GetEnd(); ++error) {
-        text += (text.empty() ? "" : "\n") + error->GetCommentary();
+        if (said.insert(error->GetCommentary()).second) {
+            text += (text.empty() ? "" : "\n") + error->GetCommentary();
+        }
     }
     mark.Clear();
     return text.empty() ? fallback : text;
@@ -362,7 +365,8 @@ std::string relativeAssetPath(const std::string& target, const std::filesystem::
     return text.rfind("../", 0) == 0 ? text : "./" + text;
 }
 
-/// Opens the layers that `root` composes, directly or through others, asking `mayOpen` first:
+/// Opens the layers that `root` composes, directly or through others, asking `mayOpen` first
+/// (for the MaterialX documents it composes, and what they include, too):
 /// the layers opened (kept open, so that the walk after this one reads each once) and the paths
 /// refused.
 std::pair<std::vector<SdfLayerRefPtr>, std::vector<std::string>> openComposedLayers(
@@ -380,7 +384,11 @@ std::pair<std::vector<SdfLayerRefPtr>, std::vector<std::string>> openComposedLay
             if (!mayOpen(resolved)) {
                 refused.push_back(resolved);
             } else if (isDocument(resolved)) {
-                continue;  // read by MaterialX, once the layers are known
+                // Read by MaterialX once the layers are known; but OpenUSD's own MaterialX
+                // plugin reads it and its includes as it composes: they are asked about now.
+                AssetDependencies included;
+                walkDocuments({resolved}, mayOpen, {}, included);
+                refused.insert(refused.end(), included.unopened.begin(), included.unopened.end());
             } else if (const SdfLayerRefPtr composed = SdfLayer::FindOrOpen(resolved)) {
                 opened.push_back(composed);
             }
