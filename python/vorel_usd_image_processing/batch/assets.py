@@ -221,16 +221,16 @@ class Planner:
             # The first tile's output with its tile back to the token: names keep the part
             # before it.
             at = len(pattern.split(token)[0])
-            tile = len(pathlib.PurePosixPath(outer_name(texture["files"][0])).name) \
+            tile = len(pathlib.PurePosixPath(inner_name(texture["files"][0])).name) \
                 - len(pattern) + len(token)
             target = target.with_name(target.name[:at] + token + target.name[at + tile:])
         return Use(str(target), kind, [job.output for job in jobs], bool(texture["type"]))
 
 
-def outer_name(source: str) -> str:
+def inner_name(source: str) -> str:
     """The name of a source where it lies: inside its package, for pkg.usdz[inner]."""
     packaged = PACKAGED.match(source)
-    return outer_name(packaged[2]) if packaged else source
+    return inner_name(packaged[2]) if packaged else source
 
 
 def read_files(found: dict[str, Any]) -> list[str]:

@@ -3,6 +3,8 @@
 
 #include "usd_assets.h"
 
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -355,6 +357,32 @@ void walkDocuments(std::vector<std::string> documents, const MayOpenLayer& mayOp
     }
 }
 
+/// The MaterialX documents among an asset's dependencies, whether OpenUSD opened them as layers
+/// (with usdMtlx) or lists them as files: read by MaterialX, never walked or written as layers.
+std::vector<std::string> documentsAmong(const std::vector<SdfLayerRefPtr>& layers,
+                                        const std::vector<std::string>& assets) {
+    std::vector<std::string> documents;
+    for (const SdfLayerRefPtr& layer : layers) {
+        if (layer && isDocument(keyOf(layer))) {
+            documents.push_back(keyOf(layer));
+        }
+    }
+    std::copy_if(assets.begin(), assets.end(), std::back_inserter(documents), isDocument);
+    return documents;
+}
+
+/// The textures of documents that resolve to nothing, as OpenUSD lists them when it reads the
+/// documents itself: reported once, by their document and input.
+std::set<std::string> missingInDocuments(const AssetDependencies& found) {
+    std::set<std::string> missing;
+    for (const AssetTexture& texture : found.textures) {
+        if (!texture.document.empty() && texture.files.empty()) {
+            missing.insert(anchorToDocument(texture.document, texture.assetPath));
+        }
+    }
+    return missing;
+}
+
 /// `target` as an asset path written in a layer in `folder`: relative where it can be.
 std::string relativeAssetPath(const std::string& target, const std::filesystem::path& folder) {
     const std::filesystem::path relative = std::filesystem::path(target).lexically_relative(folder);
@@ -436,7 +464,7 @@ std::string writeDocument(const AssetDependencies& dependencies, const std::stri
     std::ofstream file(path, std::ios::binary);
     file << written;
     file.close();
-    return file ? "" : "couldn't write " + path;
+    return file ? "" : "couldn't write " + path + ": " + std::strerror(errno);
 }
 
 }  // namespace
@@ -474,28 +502,14 @@ AssetDependencies findAssetDependencies(const std::string& assetPath, const MayO
     found.layers.push_back(found.rootLayer);
     const ShaderUses composed = composedShaders(assetPath);
     const std::unordered_set<std::string> extensions = imageExtensions();
-    // MaterialX documents, whether OpenUSD opened them as layers (usdMtlx) or lists them as
-    // files: read by MaterialX, never walked or written as layers.
-    std::vector<std::string> documents;
-    for (const SdfLayerRefPtr& layer : layers) {
-        if (layer && isDocument(keyOf(layer))) {
-            documents.push_back(keyOf(layer));
-        }
-    }
-    std::copy_if(assets.begin(), assets.end(), std::back_inserter(documents), isDocument);
-    walkDocuments(documents, mayOpen, extensions, found);
+    walkDocuments(documentsAmong(layers, assets), mayOpen, extensions, found);
     std::set<std::tuple<std::string, std::string, std::string>> seen;
     std::set<std::string> textureFiles(found.documents.begin(), found.documents.end());
     for (const AssetTexture& texture : found.textures) {
         textureFiles.insert(texture.files.begin(), texture.files.end());
     }
     textureFiles.insert(found.files.begin(), found.files.end());
-    std::set<std::string> missing;
-    for (const AssetTexture& texture : found.textures) {
-        if (texture.files.empty()) {  // as OpenUSD lists it when it reads the document itself
-            missing.insert(anchorToDocument(texture.document, texture.assetPath));
-        }
-    }
+    std::set<std::string> missing = missingInDocuments(found);
     for (const SdfLayerRefPtr& layer : layers) {
         if (!layer || isDocument(keyOf(layer))) {
             continue;
@@ -632,27 +646,15 @@ std::vector<std::string> checkAsset(const std::string& assetPath) {
         problems.push_back(errorText(mark, ""));
     }
     // The documents by MaterialX's own resolution, whether OpenUSD read them or not.
-    std::vector<std::string> documents;
-    for (const SdfLayerRefPtr& layer : layers) {
-        if (layer && isDocument(keyOf(layer))) {
-            documents.push_back(keyOf(layer));
-        }
-    }
-    std::copy_if(assets.begin(), assets.end(), std::back_inserter(documents), isDocument);
     AssetDependencies inDocuments;
-    walkDocuments(documents, {}, imageExtensions(), inDocuments);
+    walkDocuments(documentsAmong(layers, assets), {}, imageExtensions(), inDocuments);
     if (!inDocuments.error.empty()) {
         problems.push_back(inDocuments.error);
     }
-    std::set<std::string> reported;
     for (const std::string& path : inDocuments.missing) {
         problems.push_back(path + " resolves to nothing");
     }
-    for (const AssetTexture& texture : inDocuments.textures) {
-        if (texture.files.empty()) {
-            reported.insert(anchorToDocument(texture.document, texture.assetPath));
-        }
-    }
+    const std::set<std::string> reported = missingInDocuments(inDocuments);
     for (const std::string& path : unresolved) {
         if (reported.count(path) == 0) {
             problems.push_back(path + " resolves to nothing");
