@@ -452,6 +452,7 @@ their C++ names and failure values: an empty (falsy) Image, False or 0, with the
     m.attr("usdAssetsAvailable") = true;
 #else
     m.attr("usdAssetsAvailable") = false;  // built against the stand-in for OpenUSD's Hio
+    m.attr("materialxAvailable") = false;  // MaterialX documents come with USD assets
 #endif
     m.attr("__version__") = VOREL_VERSION;
     ipy::installLoggingBridge();

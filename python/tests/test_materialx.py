@@ -13,7 +13,7 @@ from test_assets import write
 from test_batch import BATCH, CAPTURED
 
 pytestmark = pytest.mark.skipif(
-    not getattr(vip, "materialxAvailable", False),
+    not vip.materialxAvailable,
     reason="MaterialX documents need a build against OpenUSD with UsdUtils and against MaterialX")
 DOCUMENT = """<?xml version="1.0"?>
 <materialx version="1.38" colorspace="lin_rec709" fileprefix="./textures/">
