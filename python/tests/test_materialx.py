@@ -29,6 +29,9 @@ DOCUMENT = """<?xml version="1.0"?>
     <tiledimage name="normal" type="vector3">
       <input name="file" type="filename" value="normal.<UDIM>.png" />
     </tiledimage>
+    <image name="mask" type="float">
+      <input name="file" type="filename" value="mask_<UVTILE>.png" />
+    </image>
     <output name="base_out" type="color3" nodename="base" />
   </nodegraph>
 </materialx>
@@ -50,6 +53,10 @@ def Shader "Rough" {{
     uniform token info:id = "ND_image_float"
     asset inputs:file = @./materials/textures/rough.png@
 }}
+def Shader "Studio" {{
+    uniform token info:id = "ND_studio_stamp"
+    asset inputs:file = @./materials/textures/rough.png@
+}}
 """
 SRGB = gradient(16, 16, 3, np.uint8) * 2  # 0 to 254
 
@@ -61,6 +68,8 @@ def make_asset(folder, rough="rough.png", space='colorSpace = "srgb_texture"'):
     write(folder / "materials/textures/rough.png", gradient(16, 16, 1, np.uint8), "sRGB")
     for tile in (1001, 1002):
         write(folder / f"materials/textures/normal.{tile}.png", np.full((8, 8, 3), 128, np.uint8), "sRGB")
+    for tile in ("u1_v1", "u10_v1"):
+        write(folder / f"materials/textures/mask_{tile}.png", np.full((8, 8), 9, np.uint8), "sRGB")
     write(folder / "materials/lib/textures/stamp.png", np.full((8, 8, 3), 200, np.uint8), "sRGB")
     (folder / "materials/wood.mtlx").write_text(DOCUMENT.replace("ROUGH", rough))
     (folder / "materials/lib/defs.mtlx").write_text(DEFINITIONS)
@@ -105,6 +114,8 @@ def test_every_texture_of_a_document_converts_and_the_written_document_points_at
                            ("rough.png", "wood.mtlx"): ("converted", "raw"),
                            ("normal.1001.png", "wood.mtlx"): ("converted", "raw"),
                            ("normal.1002.png", "wood.mtlx"): ("converted", "raw"),
+                           ("mask_u1_v1.png", "wood.mtlx"): ("converted", "raw"),
+                           ("mask_u10_v1.png", "wood.mtlx"): ("converted", "raw"),
                            ("stamp.png", "defs.mtlx"): ("converted", "linear")}  # MaterialX's default
     assert report[("asset.usdz" if package else "asset.usda", "")]["status"] == "converted"
     assert report[("inline.usda", "")]["status"] == "converted"
@@ -115,6 +126,7 @@ def test_every_texture_of_a_document_converts_and_the_written_document_points_at
         "NG_wood/base/file": (f"./textures/oak_base{ext}", "color3", base_space, 1),
         "NG_wood/rough/file": (f"./textures/rough{ext}", "float", "", 1),
         "NG_wood/normal/file": (f"./textures/normal.<UDIM>{ext}", "vector3", "", 2),
+        "NG_wood/mask/file": (f"./textures/mask_<UVTILE>{ext}", "float", "", 2),
         "ND_stamp/file": (f"./textures/stamp{ext}", "color3", "lin_rec709", 1)}
     text = (out / "materials/wood.mtlx").read_text()
     assert "fileprefix" not in text and '<xi:include href="./lib/defs.mtlx" />' in text
@@ -124,7 +136,8 @@ def test_every_texture_of_a_document_converts_and_the_written_document_points_at
                                srgb_to_linear(source) if ext == ".exr" else source / 255, atol=1e-3)
     rough = vip.readImage(written["NG_wood/rough/file"].files[0]).pixels()  # data: as it was
     np.testing.assert_allclose(rough * (255 if ext == ".exr" else 1), gradient(16, 16, 1, np.uint8))
-    # the inline shaders: no sourceColorSpace of UsdUVTexture, the colour image's space rewritten
+    # the inline shaders, known or not: no sourceColorSpace of UsdUVTexture; a colour image's
+    # space rewritten
     layer = (tmp_path / "out/inline.usda").read_text()
     assert "sourceColorSpace" not in layer and layer.count("colorSpace") == 1
     assert f'colorSpace = "{base_space}"' in layer

@@ -587,7 +587,9 @@ std::string writeAsset(const AssetDependencies& dependencies,
                 if (!texture.type.empty()) {  // a MaterialX node: no sourceColorSpace of its own
                     setColorSpaceMetadata(copy, SdfPath(texture.attribute),
                                           targets[i]->colorSpace);
-                } else if (SdfPath(texture.attribute).GetNameToken() == kFileInput) {
+                } else if (SdfPath(texture.attribute).GetNameToken() == kFileInput &&
+                           (texture.shader.empty() || texture.shader == kUvTexture.GetString())) {
+                    // UsdUVTexture's own input (or a shader the stage doesn't reach, as before)
                     setSourceColorSpace(copy, SdfPath(texture.attribute),
                                         targets[i]->sourceColorSpace);
                 }
