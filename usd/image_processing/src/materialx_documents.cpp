@@ -96,8 +96,6 @@ const mx::DocumentPtr& standardLibraries() {
 
 bool materialxAvailable() { return true; }
 
-bool isColorType(const std::string& type) { return type == "color3" || type == "color4"; }
-
 Document readDocument(const std::string& text) {
     Document found;
     try {

@@ -57,7 +57,7 @@ std::string writeDocument(const std::string& text, const std::map<std::string, I
 std::string nodeDefinitionType(const std::string& nodeDefName);
 
 /// Whether a MaterialX type holds colour (else the image is data, never colour-converted).
-bool isColorType(const std::string& type);
+inline bool isColorType(const std::string& type) { return type == "color3" || type == "color4"; }
 
 /// MaterialX's working colour space, where nothing in a document names one.
 inline const std::string kDefaultColorSpace = "lin_rec709";

@@ -6,8 +6,6 @@ namespace vorel::usd::assets::materialx {
 
 bool materialxAvailable() { return false; }
 
-bool isColorType(const std::string& type) { return type == "color3" || type == "color4"; }
-
 Document readDocument(const std::string&) {
     return {"this build has no MaterialX (build with MaterialX_DIR set)", {}, {}};
 }

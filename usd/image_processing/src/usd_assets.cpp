@@ -393,6 +393,18 @@ std::string relativeAssetPath(const std::string& target, const std::filesystem::
     return text.rfind("../", 0) == 0 ? text : "./" + text;
 }
 
+/// A path that resolves to `resolved`, as written in a file in `folder`: to its output where it
+/// has one, else to where it lies now; as it was when it resolves to nothing.
+std::string relocated(const std::string& path, const std::string& resolved,
+                      const std::map<std::string, std::string>& outputs,
+                      const std::filesystem::path& folder) {
+    if (resolved.empty()) {
+        return path;
+    }
+    const auto copied = outputs.find(resolved);
+    return copied == outputs.end() ? resolved : relativeAssetPath(copied->second, folder);
+}
+
 /// Opens the layers that `root` composes, directly or through others, asking `mayOpen` first
 /// (for the MaterialX documents it composes, and what they include, too):
 /// the layers opened (kept open, so that the walk after this one reads each once) and the paths
@@ -447,11 +459,8 @@ std::string writeDocument(const AssetDependencies& dependencies, const std::stri
         }
     }
     const auto moved = [&](const std::string& path) {
-        const std::string resolved = ArGetResolver().Resolve(anchorToDocument(document, path));
-        const auto copied = outputs.find(resolved);
-        return copied != outputs.end() ? relativeAssetPath(copied->second, folder)
-               : resolved.empty()      ? path
-                                       : resolved;
+        return relocated(path, ArGetResolver().Resolve(anchorToDocument(document, path)), outputs,
+                         folder);
     };
     std::string failure;
     const std::string written = materialx::writeDocument(*text, inputs, moved, moved, failure);
@@ -608,12 +617,7 @@ std::string writeAsset(const AssetDependencies& dependencies,
             if (path.empty() || rewritten.count(path) > 0) {
                 return path;
             }
-            const std::string resolved = resolve(source, path);
-            if (resolved.empty()) {
-                return path;
-            }
-            const auto copied = outputs.find(resolved);
-            return copied == outputs.end() ? resolved : relativeAssetPath(copied->second, folder);
+            return relocated(path, resolve(source, path), outputs, folder);
         });
         std::filesystem::create_directories(folder);
         const auto temporary = temporaries.find(layerKey);
